@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Korvane::Compression {
+
+using ByteArray = std::vector<std::uint8_t>;
+
+// A compression level: -1 is the codec's default, 1 to 9 trade speed for size. 0 means "store
+// uncompressed" to the callers and is never passed here.
+enum CompressionLevel : int {
+    Default = -1,
+    None = 0,
+    Fastest = 1,
+    Smallest = 9,
+};
+
+// Compresses `size` bytes at `data` into one self-describing zstd frame that records its content
+// size. Each thread reuses one compression context.
+ByteArray compress(const std::uint8_t* data, std::size_t size, CompressionLevel level);
+ByteArray compress(const ByteArray& data, CompressionLevel level);
+
+// Restores the bytes that `compress` was given. An empty input gives an empty result. Throws
+// `std::runtime_error` for input that is no single complete frame, whose content size is not
+// recorded or is more than the frame can hold, or that does not decode to its recorded size.
+ByteArray uncompress(const std::uint8_t* data, std::size_t size);
+ByteArray uncompress(const ByteArray& data);
+
+}  // namespace Korvane::Compression

@@ -1,0 +1,674 @@
+#include "SqliteLogFile.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <utility>
+
+#include "../model/LegacyLogFileError.h"
+#include "../model/NotALogFileError.h"
+#include "Statements.h"
+#include "components/core/Compression.h"
+#include "components/database/SqliteDatabase.h"
+#include "components/database/SqliteQuery.h"
+
+namespace Korvane::Logging {
+
+using Database::BindParameterVisitor;
+using Database::BlobView;
+using Database::ReturnPropertyValueVisitor;
+using Database::SqliteDatabase;
+using Database::SqliteQuery;
+using Database::getValueFromColumn;
+using BindMode = SqliteQuery::BindMode;
+
+namespace {
+
+constexpr std::int32_t currentLogVersion = 4;
+constexpr int sqliteFull = 13;
+constexpr int sqliteIoErrorRead = 266;
+constexpr int sqliteIoErrorWrite = 778;
+constexpr int sqliteForeignKeyConstraint = 787;
+constexpr const char* thumbnailName = "thumbnail";
+
+// The first four bytes of a file of the earlier, non-database format: 0x11223344, little-endian.
+constexpr std::array<char, 4> legacyMark = {0x44, 0x33, 0x22, 0x11};
+
+}  // namespace
+
+struct SqliteLogFile::Impl {
+    Impl(const std::string& narrowPath, const std::filesystem::path& path)
+        : database(narrowPath, SqliteDatabase::OpenMode::ReadWriteCreate), filePath(path) {}
+
+    SqliteDatabase database;
+    std::filesystem::path filePath;
+    bool isNewFile = false;
+    std::int8_t compressionLevel = 0;
+    std::int32_t logVersion = 0;
+    std::string lastError = "No error";
+
+    // Replaces `lastError` with the text for the connection's latest failure.
+    void reportDatabaseError() {
+        switch (database.getLastErrorCode()) {
+        case sqliteFull:
+            lastError = "Filesystem full.";
+            break;
+        case sqliteIoErrorRead:
+        case sqliteIoErrorWrite:
+            lastError = "IO error while reading or writing to the file.";
+            break;
+        default:
+            lastError = "Unknown internal error";
+            break;
+        }
+    }
+
+    // Steps a statement that writes; on failure reports it and returns false.
+    bool executeWrite(SqliteQuery& query) {
+        if (query.executeStep() == SqliteQuery::Done) {
+            return true;
+        }
+        reportDatabaseError();
+        return false;
+    }
+
+    // Like `executeWrite`, but a missing data source gets a text of its own.
+    bool executeWriteForSource(SqliteQuery& query, const char* missingSourceText) {
+        if (query.executeStep() == SqliteQuery::Done) {
+            return true;
+        }
+        if (database.getLastErrorCode() == sqliteForeignKeyConstraint) {
+            lastError = missingSourceText;
+        } else {
+            reportDatabaseError();
+        }
+        return false;
+    }
+
+    Compression::CompressionLevel level() const {
+        return static_cast<Compression::CompressionLevel>(compressionLevel);
+    }
+
+    bool compressesResources() const { return logVersion >= 3 && compressionLevel != 0; }
+    bool hasBookmarkPayloads() const { return logVersion >= currentLogVersion; }
+
+    // The stored form of a payload: compressed into `buffer` when `compressed`, else `data`
+    // itself, without a copy.
+    const ByteArray& storedForm(const ByteArray& data, bool compressed, ByteArray& buffer) const {
+        if (!compressed) {
+            return data;
+        }
+        buffer = Compression::compress(data, level());
+        return buffer;
+    }
+
+    // The bytes of a stored payload, uncompressed straight into the result when `compressed`.
+    static ByteArray payloadFrom(const std::optional<BlobView>& blob, bool compressed) {
+        if (!blob) {
+            return {};
+        }
+        if (compressed) {
+            return Compression::uncompress(blob->data, blob->size);
+        }
+        return ByteArray(blob->data, blob->data + blob->size);
+    }
+
+    // One value of an aggregate statement, or -1 with the failure reported.
+    std::int32_t aggregate(const char* sql) {
+        SqliteQuery query(database, sql);
+        query.executeStep();
+        if (const auto value = getValueFromColumn<int>(query, 0)) {
+            return *value;
+        }
+        reportDatabaseError();
+        return -1;
+    }
+
+    bool writeBookmark(const Bookmark& bookmark, const char* withPayload, const char* without);
+
+    // Opens the connection, tells what the file is, gives a new file its schema and sets the
+    // connection up. `compressionLevel` and `logVersion` stay 0.
+    static std::unique_ptr<Impl> open(const std::filesystem::path& path);
+};
+
+namespace {
+
+PropertyValue toPropertyValue(Database::ColumnValue&& value) {
+    return std::visit(ReturnPropertyValueVisitor{}, std::move(value));
+}
+
+std::string textColumn(const SqliteQuery& query, int column) {
+    return getValueFromColumn<std::string>(query, column).value_or(std::string());
+}
+
+// True for a new database, false for a log file; throws `NotALogFileError` for anything else.
+bool classify(SqliteDatabase& database) {
+    SqliteQuery countQuery(database, Statements::countTables);
+    countQuery.executeStep();
+    const std::optional<int> tableCount = getValueFromColumn<int>(countQuery, 0);
+    if (!tableCount) {
+        throw NotALogFileError();  // the catalogue itself cannot be read
+    }
+    if (*tableCount == 0) {
+        return true;
+    }
+    SqliteQuery findQuery(database, Statements::findTable);
+    int found = 0;
+    for (const char* table : Statements::requiredTables) {
+        findQuery.resetQuery();
+        findQuery.bindParameter(":tableName", std::string(table), BindMode::Copy);
+        if (findQuery.executeStep() == SqliteQuery::Row) {
+            ++found;
+        }
+    }
+    if (found < static_cast<int>(std::size(Statements::requiredTables))) {
+        throw NotALogFileError();
+    }
+    return false;
+}
+
+// A bookmarks table whose references cannot be checked is replaced by an empty one.
+void checkBookmarksTable(SqliteDatabase& database) {
+    if (!database.executeSimpleQuery(Statements::checkBookmarks)) {
+        database.executeSimpleQuery(Statements::dropBookmarks);
+        database.executeSimpleQuery(Statements::createBookmarksTable);
+    }
+}
+
+// Why a file that is no database cannot be opened: the legacy format, or anything else.
+[[noreturn]] void refuseNonDatabase(const std::filesystem::path& path) {
+    std::array<char, 4> head{};
+    std::ifstream file(path, std::ios::binary);
+    if (file.read(head.data(), head.size()) && head == legacyMark) {
+        throw LegacyLogFileError();
+    }
+    throw NotALogFileError();
+}
+
+}  // namespace
+
+std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(const std::filesystem::path& path) {
+    const std::string narrowPath = path.string();
+    try {
+        auto impl = std::make_unique<Impl>(narrowPath, path);
+        SqliteDatabase& database = impl->database;
+        database.executeSimpleQuery(Statements::enableForeignKeys);
+        impl->isNewFile = classify(database);
+        if (impl->isNewFile) {
+            for (const char* statement : Statements::schema) {
+                database.executeSimpleQuery(statement);
+            }
+        } else {
+            checkBookmarksTable(database);
+        }
+        database.executeSimpleQuery(Statements::synchronousOff);
+        database.executeSimpleQuery(Statements::journalInMemory);
+        return impl;
+    } catch (const Database::FileIsNotDatabase&) {
+        // The connection is closed by now; only the file's first bytes are left to read.
+    }
+    refuseNonDatabase(path);
+}
+
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath)
+    : impl(Impl::open(filePath)) {
+    if (impl->isNewFile) {
+        return;
+    }
+    const auto level = Database::requireType<int>(getMetadataValue("compressionLevel"));
+    impl->compressionLevel = static_cast<std::int8_t>(level.value_or(0));
+    const auto version = Database::requireType<int>(getMetadataValue("logVersion"));
+    impl->logVersion = version.value_or(0);
+}
+
+SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& timeZone,
+                             const std::string& applicationName,
+                             const std::string& applicationVersion,
+                             std::int8_t compressionLevel, std::int64_t creationTimeMs)
+    : SqliteLogFile(std::filesystem::path(filePath)) {
+    addMetadata("createdDateTime", PropertyValue{std::in_place_type<std::int64_t>, creationTimeMs});
+    addMetadata("applicationName", PropertyValue{applicationName});
+    addMetadata("applicationVersion", PropertyValue{applicationVersion});
+    addMetadata("currentTimeZone", PropertyValue{timeZone});
+    addMetadata("logVersion", PropertyValue{std::in_place_type<std::int32_t>, currentLogVersion});
+    addMetadata("compressionLevel",
+                PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
+    impl->compressionLevel = compressionLevel;
+    impl->logVersion = currentLogVersion;
+}
+
+SqliteLogFile::SqliteLogFile(SqliteLogFile&& other) noexcept = default;
+
+SqliteLogFile& SqliteLogFile::operator=(SqliteLogFile&& other) noexcept {
+    if (this != &other) {
+        std::unique_ptr<Impl> previous = std::exchange(impl, std::move(other.impl));
+        previous.reset();
+    }
+    return *this;
+}
+
+SqliteLogFile::~SqliteLogFile() = default;
+
+bool SqliteLogFile::isBookmarkPayloadsSupported() const {
+    return impl->hasBookmarkPayloads();
+}
+
+bool SqliteLogFile::isResourceCompressionSupported() const {
+    return impl->logVersion >= 3;
+}
+
+std::filesystem::path SqliteLogFile::getFilePath() const {
+    return impl->filePath;
+}
+
+std::string SqliteLogFile::getLastError() const {
+    return impl->lastError;
+}
+
+// ---- Metadata ----
+
+bool SqliteLogFile::addMetadata(const std::string& key, PropertyValue value) {
+    SqliteQuery existing(impl->database, Statements::findMetadata);
+    existing.bindParameter(":key", key, BindMode::NoCopy);
+    if (existing.executeStep() == SqliteQuery::Row) {
+        return false;
+    }
+    SqliteQuery insert(impl->database, Statements::insertMetadata);
+    insert.bindParameter(":key", key, BindMode::NoCopy);
+    std::visit(BindParameterVisitor{insert, ":value", BindMode::Copy}, value);
+    return impl->executeWrite(insert);
+}
+
+std::optional<PropertyValue> SqliteLogFile::getMetadataValue(const std::string& key) const {
+    SqliteQuery query(impl->database, Statements::selectMetadataValue);
+    query.bindParameter(":key", key, BindMode::NoCopy);
+    query.executeStep();
+    auto value = query.getValueFromColumn(0);
+    if (!value) {
+        return std::nullopt;
+    }
+    return toPropertyValue(std::move(*value));
+}
+
+std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
+    std::vector<LogMetadataEntry> entries;
+    SqliteQuery query(impl->database, Statements::selectAllMetadata);
+    while (query.executeStep() == SqliteQuery::Row) {
+        auto value = query.getValueFromColumn(1);
+        if (value) {
+            entries.push_back(LogMetadataEntry{textColumn(query, 0), toPropertyValue(std::move(*value))});
+        }
+    }
+    return entries;
+}
+
+// ---- Data sources and entries ----
+
+bool SqliteLogFile::addDataSource(DataSource& source) {
+    SqliteQuery query(impl->database, Statements::insertDataSource);
+    query.bindParameter(":dataSourceType", static_cast<std::int32_t>(source.type));
+    query.bindParameter(":dataSourceName", source.name, BindMode::NoCopy);
+    if (!impl->executeWrite(query)) {
+        return false;
+    }
+    // Source ids are 8 bits wide in every record; the file is good for 127 assigned ids.
+    source.id = static_cast<std::int8_t>(impl->database.getLastInsertedRowId());
+    return true;
+}
+
+bool SqliteLogFile::addDataSource(const DataSource& source) {
+    SqliteQuery query(impl->database, Statements::insertDataSourceWithId);
+    query.bindParameter(":dataSourceId", static_cast<std::int32_t>(source.id));
+    query.bindParameter(":dataSourceType", static_cast<std::int32_t>(source.type));
+    query.bindParameter(":dataSourceName", source.name, BindMode::NoCopy);
+    return impl->executeWrite(query);
+}
+
+bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
+    SqliteQuery query(impl->database, Statements::insertDataSourceProperty);
+    query.bindParameter(":dataSourceId", static_cast<std::int32_t>(property.dataSourceId));
+    query.bindParameter(":key", property.name, BindMode::NoCopy);
+    std::visit(BindParameterVisitor{query, ":value", BindMode::NoCopy}, property.value);
+    return impl->executeWriteForSource(
+        query, "Attempted to add a data source property for a data source that did not exist in "
+               "the file.");
+}
+
+bool SqliteLogFile::logData(const DataEntry& entry) {
+    SqliteQuery query(impl->database, Statements::insertData);
+    query.bindParameter(":timestamp", entry.timestamp);
+    query.bindParameter(":type", entry.type);
+    query.bindParameter(":dataSourceId", static_cast<std::int32_t>(entry.dataSourceId));
+    ByteArray compressed;
+    const ByteArray& payload = impl->storedForm(entry.data, impl->compressionLevel != 0, compressed);
+    query.bindParameter(":length", static_cast<std::int32_t>(payload.size()));
+    query.bindParameter(":payload", payload, BindMode::NoCopy);
+    return impl->executeWriteForSource(
+        query, "Attempted to log data against a data source that did not exist in the file.");
+}
+
+// ---- Reading entries ----
+
+namespace {
+
+// Appends "column IN (prefix0, prefix1, ...)" for `count` elements; false when `count` is 0.
+bool appendInClause(std::string& text, const char* column, std::size_t count, const char* prefix) {
+    if (count == 0) {
+        return false;
+    }
+    text += column;
+    text += " IN (";
+    text += prefix;
+    text += '0';
+    for (std::size_t i = 1; i < count; ++i) {
+        text += ", ";
+        text += prefix;
+        text += std::to_string(i);
+    }
+    text += ')';
+    return true;
+}
+
+// The WHERE clause of a filter, or an empty text when the filter selects everything.
+std::string buildFilterClause(const EntryIndexFilter& filter) {
+    if (filter.dataTypes.empty() && filter.dataSources.empty() && filter.dataSourceTypes.empty()) {
+        return {};
+    }
+    std::string clause = Statements::filterLead;
+    const bool byType = appendInClause(clause, "data.type", filter.dataTypes.size(), ":type");
+    const bool bySource =
+        appendInClause(clause, byType ? " AND data.dataSourceId" : " data.dataSourceId",
+                       filter.dataSources.size(), ":source");
+    appendInClause(clause,
+                   byType || bySource ? " AND dataSources.dataSourceType"
+                                      : " dataSources.dataSourceType",
+                   filter.dataSourceTypes.size(), ":sourceType");
+    return clause;
+}
+
+template <typename List>
+void bindList(SqliteQuery& query, const List& list, const char* prefix) {
+    std::string name;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        name.assign(prefix).append(std::to_string(i));
+        query.bindParameter(name, static_cast<std::int32_t>(list[i]));
+    }
+}
+
+void bindFilterParameters(const EntryIndexFilter& filter, SqliteQuery& query) {
+    bindList(query, filter.dataTypes, ":type");
+    bindList(query, filter.dataSources, ":source");
+    bindList(query, filter.dataSourceTypes, ":sourceType");
+}
+
+std::int64_t integerColumn(const SqliteQuery& query, int column) {
+    return query.getIntegerFromColumn(column).value_or(0);
+}
+
+}  // namespace
+
+std::vector<DataEntry> SqliteLogFile::readEntries(std::int32_t minimumEntryId,
+                                                  std::int32_t maximumEntryId,
+                                                  const EntryIndexFilter& filter,
+                                                  std::int32_t limit) const {
+    if (minimumEntryId == -1) {
+        minimumEntryId = getFirstEntryId();
+    }
+    if (maximumEntryId == -1) {
+        maximumEntryId = getLastEntryId();
+    }
+    if (minimumEntryId == -1 || maximumEntryId == -1) {
+        return {};
+    }
+
+    const std::string clause = buildFilterClause(filter);
+    const std::string selection = (clause.empty() ? std::string(Statements::bareLead)
+                                                  : clause + Statements::joiner) +
+                                  Statements::rangeCondition;
+    const std::string limitText = limit == -1 ? std::string() : Statements::limitClause;
+    const auto bindAll = [&](SqliteQuery& query) {
+        query.bindParameter(":minimumEntryId", minimumEntryId);
+        query.bindParameter(":maximumEntryId", maximumEntryId);
+        query.bindParameter(":limit", limit);
+        bindFilterParameters(filter, query);
+    };
+
+    // The count sizes the result, so that entries are moved in without reallocation. Its LIMIT
+    // applies to the one aggregate row: it counts every match.
+    SqliteQuery countQuery(impl->database,
+                           Statements::countHead + selection + " " + limitText + ";");
+    bindAll(countQuery);
+    countQuery.executeStep();
+    const int count = getValueFromColumn<int>(countQuery, 0).value_or(0);
+    if (count <= 0) {
+        return {};
+    }
+    std::vector<DataEntry> entries;
+    entries.reserve(limit >= 0 ? std::min(count, limit) : count);
+
+    SqliteQuery rowQuery(impl->database, Statements::entryHead + selection +
+                                             Statements::orderForEntries + limitText + ";");
+    bindAll(rowQuery);
+    const bool compressed = impl->compressionLevel != 0;
+    while (rowQuery.executeStep() == SqliteQuery::Row) {
+        DataEntry& entry = entries.emplace_back();
+        entry.entryId = static_cast<std::int32_t>(integerColumn(rowQuery, 0));
+        entry.timestamp = integerColumn(rowQuery, 1);
+        entry.type = static_cast<std::int32_t>(integerColumn(rowQuery, 2));
+        entry.dataSourceId = static_cast<std::int8_t>(integerColumn(rowQuery, 3));
+        entry.data = Impl::payloadFrom(rowQuery.getBlobFromColumn(4), compressed);
+    }
+    return entries;
+}
+
+std::vector<std::int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter) const {
+    const std::string clause = buildFilterClause(filter);
+    SqliteQuery countQuery(impl->database, Statements::countHead + clause + ";");
+    bindFilterParameters(filter, countQuery);
+    countQuery.executeStep();
+    const int count = getValueFromColumn<int>(countQuery, 0).value_or(0);
+    if (count <= 0) {
+        return {};
+    }
+    std::vector<std::int32_t> ids;
+    ids.reserve(static_cast<std::size_t>(count));
+
+    SqliteQuery idQuery(impl->database, Statements::idHead + clause + Statements::orderForIds);
+    bindFilterParameters(filter, idQuery);
+    while (idQuery.executeStep() == SqliteQuery::Row) {
+        ids.push_back(static_cast<std::int32_t>(integerColumn(idQuery, 0)));
+    }
+    return ids;
+}
+
+std::optional<DataEntry> SqliteLogFile::readEntry(std::int32_t entryId) const {
+    SqliteQuery query(impl->database, Statements::selectEntry);
+    query.bindParameter(":entryId", entryId);
+    if (query.executeStep() != SqliteQuery::Row) {
+        return std::nullopt;
+    }
+    std::optional<DataEntry> entry(std::in_place);
+    entry->entryId = entryId;
+    entry->timestamp = integerColumn(query, 0);
+    entry->data = Impl::payloadFrom(query.getBlobFromColumn(3), impl->compressionLevel != 0);
+    entry->type = static_cast<std::int32_t>(integerColumn(query, 1));
+    entry->dataSourceId = static_cast<std::int8_t>(integerColumn(query, 2));
+    return entry;
+}
+
+std::int32_t SqliteLogFile::getEntryCount() const {
+    return impl->aggregate(Statements::countEntries);
+}
+
+std::int32_t SqliteLogFile::getFirstEntryId() const {
+    return impl->aggregate(Statements::firstEntryId);
+}
+
+std::int32_t SqliteLogFile::getLastEntryId() const {
+    return impl->aggregate(Statements::lastEntryId);
+}
+
+// ---- Resources and the thumbnail ----
+
+bool SqliteLogFile::addResource(const std::string& name, const ByteArray& data) {
+    SqliteQuery existing(impl->database, Statements::findResource);
+    existing.bindParameter(":name", name, BindMode::NoCopy);
+    if (existing.executeStep() == SqliteQuery::Row) {
+        return false;
+    }
+    ByteArray compressed;
+    const ByteArray& payload = impl->storedForm(data, impl->compressesResources(), compressed);
+    SqliteQuery insert(impl->database, Statements::insertResource);
+    insert.bindParameter(":name", name, BindMode::NoCopy);
+    insert.bindParameter(":payload", payload, BindMode::NoCopy);
+    return impl->executeWrite(insert);
+}
+
+std::optional<ByteArray> SqliteLogFile::getResource(const std::string& name) const {
+    SqliteQuery query(impl->database, Statements::selectResource);
+    query.bindParameter(":name", name, BindMode::NoCopy);
+    if (query.executeStep() != SqliteQuery::Row) {
+        return std::nullopt;
+    }
+    const auto blob = query.getBlobFromColumn(0);
+    if (!blob) {
+        return std::nullopt;  // a payload that is no blob cannot come from this writer
+    }
+    return Impl::payloadFrom(blob, impl->compressesResources());
+}
+
+std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
+    std::vector<LogResourceEntry> resources;
+    SqliteQuery query(impl->database, Statements::selectAllResources);
+    const bool compressed = impl->compressesResources();
+    while (query.executeStep() == SqliteQuery::Row) {
+        ByteArray data = Impl::payloadFrom(query.getBlobFromColumn(1), compressed);
+        resources.push_back(LogResourceEntry{textColumn(query, 0), std::move(data)});
+    }
+    return resources;
+}
+
+std::optional<ByteArray> SqliteLogFile::getThumbnail() const {
+    return getResource(thumbnailName);
+}
+
+bool SqliteLogFile::setThumbnail(const ByteArray& data) {
+    SqliteQuery countQuery(impl->database, Statements::countThumbnails);
+    countQuery.executeStep();
+    const std::optional<int> count = getValueFromColumn<int>(countQuery, 0);
+    if (!count) {
+        impl->reportDatabaseError();
+        return false;
+    }
+    if (*count == 0) {
+        return addResource(thumbnailName, data);
+    }
+    ByteArray compressed;
+    const ByteArray& payload = impl->storedForm(data, impl->compressesResources(), compressed);
+    SqliteQuery replace(impl->database, Statements::replaceThumbnail);
+    replace.bindParameter(":payload", payload, BindMode::NoCopy);
+    return impl->executeWrite(replace);
+}
+
+// ---- Bookmarks ----
+
+bool SqliteLogFile::Impl::writeBookmark(const Bookmark& bookmark, const char* withPayload,
+                                        const char* without) {
+    const bool payloads = hasBookmarkPayloads();
+    SqliteQuery query(database, payloads ? withPayload : without);
+    query.bindParameter(":entryId", bookmark.entryId);
+    query.bindParameter(":title", bookmark.title, BindMode::NoCopy);
+    query.bindParameter(":comments", bookmark.comment, BindMode::NoCopy);
+    ByteArray compressed;
+    if (payloads) {
+        const ByteArray& payload = storedForm(bookmark.payload, compressionLevel != 0, compressed);
+        query.bindParameter(":payload", payload, BindMode::NoCopy);
+    }
+    return executeWrite(query);
+}
+
+bool SqliteLogFile::addBookmark(const Bookmark& bookmark) {
+    return impl->writeBookmark(bookmark, Statements::insertBookmarkWithPayload,
+                               Statements::insertBookmark);
+}
+
+bool SqliteLogFile::updateBookmark(const Bookmark& bookmark) {
+    return impl->writeBookmark(bookmark, Statements::updateBookmarkWithPayload,
+                               Statements::updateBookmark);
+}
+
+bool SqliteLogFile::removeBookmark(const Bookmark& bookmark) {
+    SqliteQuery query(impl->database, Statements::deleteBookmark);
+    query.bindParameter(":entryId", bookmark.entryId);
+    return impl->executeWrite(query);
+}
+
+std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
+    const bool payloads = impl->hasBookmarkPayloads();
+    const bool compressed = impl->compressionLevel != 0;
+    std::vector<Bookmark> bookmarks;
+    SqliteQuery query(impl->database,
+                      payloads ? Statements::selectBookmarksWithPayload : Statements::selectBookmarks);
+    while (query.executeStep() == SqliteQuery::Row) {
+        Bookmark& bookmark = bookmarks.emplace_back();
+        if (payloads) {
+            // A NULL payload reads as an empty array, which uncompresses to an empty array.
+            bookmark.payload = Impl::payloadFrom(query.getBlobFromColumn(3), compressed);
+        }
+        bookmark.comment = textColumn(query, 2);  // NULL comments read as empty
+        bookmark.title = textColumn(query, 1);
+        bookmark.entryId = static_cast<std::int32_t>(integerColumn(query, 0));
+    }
+    return bookmarks;
+}
+
+// ---- The source catalogue ----
+
+std::vector<DataSource> SqliteLogFile::getDataSources() const {
+    std::vector<DataSource> sources;
+    SqliteQuery query(impl->database, Statements::selectDataSources);
+    while (query.executeStep() == SqliteQuery::Row) {
+        DataSource& source = sources.emplace_back();
+        source.name = textColumn(query, 2);
+        source.type = static_cast<KV_LogDataSourceType>(integerColumn(query, 1));
+        source.id = static_cast<std::int8_t>(integerColumn(query, 0));
+    }
+    return sources;
+}
+
+std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(std::int32_t dataSourceId,
+                                                                  std::string key) const {
+    SqliteQuery query(impl->database, Statements::selectDataSourceProperty);
+    query.bindParameter(":id", dataSourceId);
+    query.bindParameter(":key", key, BindMode::NoCopy);
+    query.executeStep();
+    auto value = query.getValueFromColumn(0);
+    if (!value) {
+        return std::nullopt;
+    }
+    return toPropertyValue(std::move(*value));
+}
+
+std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() const {
+    SqliteQuery countQuery(impl->database, Statements::countDataSourceProperties);
+    countQuery.executeStep();
+    const int count = getValueFromColumn<int>(countQuery, 0).value_or(0);
+    if (count <= 0) {
+        return {};
+    }
+    std::vector<DataSourceProperty> properties;
+    properties.reserve(static_cast<std::size_t>(count));
+    SqliteQuery query(impl->database, Statements::selectAllDataSourceProperties);
+    while (query.executeStep() == SqliteQuery::Row) {
+        auto value = query.getValueFromColumn(2);
+        DataSourceProperty& property = properties.emplace_back();
+        if (value) {
+            property.value = toPropertyValue(std::move(*value));
+        }
+        property.name = textColumn(query, 1);
+        property.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 0));
+    }
+    return properties;
+}
+
+}  // namespace Korvane::Logging

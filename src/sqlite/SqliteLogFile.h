@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "../model/Export.h"
+#include "../model/LogFileInterface.h"
+
+namespace Korvane::Logging {
+
+// A log file in an SQLite 3 database: the one implementation of `LogFileInterface`.
+//
+// Every write is one autocommit statement and is complete when the call returns; destroying the
+// object only closes the connection. Storage failures give false and a text in `getLastError`;
+// construction refuses a file it cannot use with `LegacyLogFileError` or `NotALogFileError`.
+// The object has no lock: callers that share it between threads serialise their calls, except
+// that a player may read on its own thread while its owner changes bookmarks.
+class KORVANE_LOGGING_EXPORT SqliteLogFile final : public LogFileInterface {
+public:
+    // Creates a new log file at `filePath`, which must not hold a log file yet, and writes the six
+    // metadata rows of a new file: creation time, application name and version, time zone, log
+    // version 4 and `compressionLevel` (-1 to 9; 0 stores payloads uncompressed).
+    SqliteLogFile(const std::string& filePath, const std::string& timeZone,
+                  const std::string& applicationName, const std::string& applicationVersion,
+                  std::int8_t compressionLevel, std::int64_t creationTimeMs);
+
+    // Opens the log file at `filePath`. A missing or empty file becomes a new file without
+    // metadata. Throws `LegacyLogFileError` or `NotALogFileError` for a file it cannot use.
+    explicit SqliteLogFile(const std::filesystem::path& filePath);
+
+    SqliteLogFile(SqliteLogFile&& other) noexcept;
+    SqliteLogFile& operator=(SqliteLogFile&& other) noexcept;
+    ~SqliteLogFile() override;
+
+    // True from log version 4: bookmarks carry a payload.
+    bool isBookmarkPayloadsSupported() const;
+    // True from log version 3: resources are compressed at the file's level.
+    bool isResourceCompressionSupported() const;
+
+    std::filesystem::path getFilePath() const override;
+
+    std::vector<DataSource> getDataSources() const override;
+    std::optional<PropertyValue> getDataSourceProperty(std::int32_t dataSourceId,
+                                                       std::string key) const override;
+    std::vector<DataSourceProperty> getAllDataSourceProperties() const override;
+
+    std::vector<std::int32_t> getEntryIndex(const EntryIndexFilter& filter) const override;
+    std::int32_t getFirstEntryId() const override;
+    std::int32_t getLastEntryId() const override;
+    std::int32_t getEntryCount() const override;
+    std::optional<DataEntry> readEntry(std::int32_t entryId) const override;
+
+    std::optional<PropertyValue> getMetadataValue(const std::string& key) const override;
+    std::vector<LogMetadataEntry> getAllMetadata() const override;
+
+    std::optional<ByteArray> getResource(const std::string& name) const override;
+    std::vector<LogResourceEntry> getAllResources() const override;
+    std::optional<ByteArray> getThumbnail() const override;
+
+    std::vector<Bookmark> getBookmarks() const override;
+
+    bool addDataSource(const DataSource& source) override;
+    bool addDataSource(DataSource& source) override;
+    bool addDataSourceProperty(const DataSourceProperty& property) override;
+    bool logData(const DataEntry& entry) override;
+
+    using LogFileInterface::addMetadata;
+    bool addMetadata(const std::string& key, PropertyValue value) override;
+    using LogFileInterface::addResource;
+    bool addResource(const std::string& name, const ByteArray& data) override;
+    bool setThumbnail(const ByteArray& data) override;
+
+    bool addBookmark(const Bookmark& bookmark) override;
+    bool updateBookmark(const Bookmark& bookmark) override;
+    bool removeBookmark(const Bookmark& bookmark) override;
+
+    std::string getLastError() const override;
+
+    std::vector<DataEntry> readEntries(std::int32_t minimumEntryId, std::int32_t maximumEntryId,
+                                       const EntryIndexFilter& filter,
+                                       std::int32_t limit) const override;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+}  // namespace Korvane::Logging

@@ -147,8 +147,8 @@ std::unique_ptr<LogFileInterface> clone(const LogFileInterface& source,
                                         std::int8_t compressionLevel) {
     const std::int32_t firstEntryId = source.getFirstEntryId();
     const std::int32_t lastEntryId = source.getLastEntryId();
-    return slice(source, firstEntryId, lastEntryId, outputPath, applicationName,
-                 applicationVersion, compressionLevel);
+    return slice(source, firstEntryId, lastEntryId, outputPath, applicationName, applicationVersion,
+                 compressionLevel);
 }
 
 }  // namespace Korvane::Logging::Algorithms

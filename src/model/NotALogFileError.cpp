@@ -2,7 +2,8 @@
 
 namespace Korvane::Logging {
 
-NotALogFileError::NotALogFileError() : std::runtime_error("This file is not in a supported log file format.") {}
+NotALogFileError::NotALogFileError()
+    : std::runtime_error("This file is not in a supported log file format.") {}
 
 NotALogFileError::~NotALogFileError() = default;
 

@@ -7,6 +7,7 @@
 
 #include "../model/LegacyLogFileError.h"
 #include "../model/NotALogFileError.h"
+#include "EntryFilterSql.h"
 #include "Statements.h"
 #include "components/core/Compression.h"
 #include "components/database/SqliteDatabase.h"
@@ -16,10 +17,10 @@ namespace Korvane::Logging {
 
 using Database::BindParameterVisitor;
 using Database::BlobView;
+using Database::getValueFromColumn;
 using Database::ReturnPropertyValueVisitor;
 using Database::SqliteDatabase;
 using Database::SqliteQuery;
-using Database::getValueFromColumn;
 using BindMode = SqliteQuery::BindMode;
 
 namespace {
@@ -210,8 +211,7 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(const std::filesy
     refuseNonDatabase(path);
 }
 
-SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath)
-    : impl(Impl::open(filePath)) {
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath) : impl(Impl::open(filePath)) {
     if (impl->isNewFile) {
         return;
     }
@@ -223,8 +223,8 @@ SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath)
 
 SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& timeZone,
                              const std::string& applicationName,
-                             const std::string& applicationVersion,
-                             std::int8_t compressionLevel, std::int64_t creationTimeMs)
+                             const std::string& applicationVersion, std::int8_t compressionLevel,
+                             std::int64_t creationTimeMs)
     : SqliteLogFile(std::filesystem::path(filePath)) {
     addMetadata("createdDateTime", PropertyValue{std::in_place_type<std::int64_t>, creationTimeMs});
     addMetadata("applicationName", PropertyValue{applicationName});
@@ -296,7 +296,8 @@ std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
     while (query.executeStep() == SqliteQuery::Row) {
         auto value = query.getValueFromColumn(1);
         if (value) {
-            entries.push_back(LogMetadataEntry{textColumn(query, 0), toPropertyValue(std::move(*value))});
+            entries.push_back(
+                LogMetadataEntry{textColumn(query, 0), toPropertyValue(std::move(*value))});
         }
     }
     return entries;
@@ -330,8 +331,9 @@ bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
     query.bindParameter(":key", property.name, BindMode::NoCopy);
     std::visit(BindParameterVisitor{query, ":value", BindMode::NoCopy}, property.value);
     return impl->executeWriteForSource(
-        query, "Attempted to add a data source property for a data source that did not exist in "
-               "the file.");
+        query,
+        "Attempted to add a data source property for a data source that did not exist in "
+        "the file.");
 }
 
 bool SqliteLogFile::logData(const DataEntry& entry) {
@@ -340,7 +342,8 @@ bool SqliteLogFile::logData(const DataEntry& entry) {
     query.bindParameter(":type", entry.type);
     query.bindParameter(":dataSourceId", static_cast<std::int32_t>(entry.dataSourceId));
     ByteArray compressed;
-    const ByteArray& payload = impl->storedForm(entry.data, impl->compressionLevel != 0, compressed);
+    const ByteArray& payload =
+        impl->storedForm(entry.data, impl->compressionLevel != 0, compressed);
     query.bindParameter(":length", static_cast<std::int32_t>(payload.size()));
     query.bindParameter(":payload", payload, BindMode::NoCopy);
     return impl->executeWriteForSource(
@@ -350,56 +353,6 @@ bool SqliteLogFile::logData(const DataEntry& entry) {
 // ---- Reading entries ----
 
 namespace {
-
-// Appends "column IN (prefix0, prefix1, ...)" for `count` elements; false when `count` is 0.
-bool appendInClause(std::string& text, const char* column, std::size_t count, const char* prefix) {
-    if (count == 0) {
-        return false;
-    }
-    text += column;
-    text += " IN (";
-    text += prefix;
-    text += '0';
-    for (std::size_t i = 1; i < count; ++i) {
-        text += ", ";
-        text += prefix;
-        text += std::to_string(i);
-    }
-    text += ')';
-    return true;
-}
-
-// The WHERE clause of a filter, or an empty text when the filter selects everything.
-std::string buildFilterClause(const EntryIndexFilter& filter) {
-    if (filter.dataTypes.empty() && filter.dataSources.empty() && filter.dataSourceTypes.empty()) {
-        return {};
-    }
-    std::string clause = Statements::filterLead;
-    const bool byType = appendInClause(clause, "data.type", filter.dataTypes.size(), ":type");
-    const bool bySource =
-        appendInClause(clause, byType ? " AND data.dataSourceId" : " data.dataSourceId",
-                       filter.dataSources.size(), ":source");
-    appendInClause(clause,
-                   byType || bySource ? " AND dataSources.dataSourceType"
-                                      : " dataSources.dataSourceType",
-                   filter.dataSourceTypes.size(), ":sourceType");
-    return clause;
-}
-
-template <typename List>
-void bindList(SqliteQuery& query, const List& list, const char* prefix) {
-    std::string name;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        name.assign(prefix).append(std::to_string(i));
-        query.bindParameter(name, static_cast<std::int32_t>(list[i]));
-    }
-}
-
-void bindFilterParameters(const EntryIndexFilter& filter, SqliteQuery& query) {
-    bindList(query, filter.dataTypes, ":type");
-    bindList(query, filter.dataSources, ":source");
-    bindList(query, filter.dataSourceTypes, ":sourceType");
-}
 
 std::int64_t integerColumn(const SqliteQuery& query, int column) {
     return query.getIntegerFromColumn(column).value_or(0);
@@ -422,9 +375,9 @@ std::vector<DataEntry> SqliteLogFile::readEntries(std::int32_t minimumEntryId,
     }
 
     const std::string clause = buildFilterClause(filter);
-    const std::string selection = (clause.empty() ? std::string(Statements::bareLead)
-                                                  : clause + Statements::joiner) +
-                                  Statements::rangeCondition;
+    const std::string selection =
+        (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
+        Statements::rangeCondition;
     const std::string limitText = limit == -1 ? std::string() : Statements::limitClause;
     const auto bindAll = [&](SqliteQuery& query) {
         query.bindParameter(":minimumEntryId", minimumEntryId);
@@ -607,8 +560,8 @@ std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
     const bool payloads = impl->hasBookmarkPayloads();
     const bool compressed = impl->compressionLevel != 0;
     std::vector<Bookmark> bookmarks;
-    SqliteQuery query(impl->database,
-                      payloads ? Statements::selectBookmarksWithPayload : Statements::selectBookmarks);
+    SqliteQuery query(impl->database, payloads ? Statements::selectBookmarksWithPayload
+                                               : Statements::selectBookmarks);
     while (query.executeStep() == SqliteQuery::Row) {
         Bookmark& bookmark = bookmarks.emplace_back();
         if (payloads) {

@@ -37,9 +37,11 @@ inline std::vector<std::uint8_t> readFileBytes(const std::filesystem::path& file
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-inline void writeFileBytes(const std::filesystem::path& file, const std::vector<std::uint8_t>& bytes) {
+inline void writeFileBytes(const std::filesystem::path& file,
+                           const std::vector<std::uint8_t>& bytes) {
     std::ofstream out(file, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
 // Bytes that look like a sensor frame: a slow signal with noise, compressible but not trivially.

@@ -12,7 +12,7 @@ namespace {
 // The latest failure of this thread, and the connection that it happened on. The connection is
 // shared between threads during playback, and each must see the code of its own call.
 struct ThreadFailure {
-    const void* connection = nullptr;
+    std::uint64_t connection = 0;
     int code = 0;
 };
 thread_local ThreadFailure lastFailure;
@@ -125,7 +125,7 @@ void SqliteDatabase::Impl::release(sqlite3_stmt* statement, int slot) noexcept {
 }
 
 void SqliteDatabase::Impl::recordFailure(int code) const {
-    lastFailure = ThreadFailure{connection, code};
+    lastFailure = ThreadFailure{serial, code};
     if ((code & 0xff) == SQLITE_NOTADB) {
         throw FileIsNotDatabase();
     }
@@ -135,9 +135,8 @@ SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode) : impl(ne
     const int flags = static_cast<int>(mode) | SQLITE_OPEN_FULLMUTEX;
     const int code = sqlite3_open_v2(path.c_str(), &impl->connection, flags, nullptr);
     if (code != SQLITE_OK) {
-        const std::string reason = impl->connection != nullptr
-                                       ? sqlite3_errmsg(impl->connection)
-                                       : sqlite3_errstr(code);
+        const std::string reason =
+            impl->connection != nullptr ? sqlite3_errmsg(impl->connection) : sqlite3_errstr(code);
         throw openError(path, reason);
     }
     sqlite3_extended_result_codes(impl->connection, 1);
@@ -162,7 +161,7 @@ std::int64_t SqliteDatabase::getLastInsertedRowId() const {
 }
 
 std::int32_t SqliteDatabase::getLastErrorCode() const {
-    return lastFailure.connection == impl->connection ? lastFailure.code : 0;
+    return lastFailure.connection == impl->serial ? lastFailure.code : 0;
 }
 
 }  // namespace Korvane::Database

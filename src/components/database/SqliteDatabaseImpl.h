@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -24,8 +25,11 @@ struct SqliteDatabase::Impl {
     };
 
     static constexpr std::size_t cacheCapacity = 48;
+    static inline std::atomic<std::uint64_t> nextSerial{1};
 
     sqlite3* connection = nullptr;
+    // Tells this connection apart from every other, also from one later opened at this address.
+    const std::uint64_t serial = nextSerial++;
     std::mutex cacheMutex;
     std::vector<Slot> cache;
     std::uint64_t useCounter = 0;

@@ -55,10 +55,9 @@ bool SqliteQuery::bindParameter(const std::string& name, const ByteArray& value,
         return false;
     }
     // A null pointer would bind NULL, which the NOT NULL payload columns refuse.
-    const int code = value.empty()
-                         ? sqlite3_bind_zeroblob(statement, index, 0)
-                         : sqlite3_bind_blob64(statement, index, value.data(), value.size(),
-                                               lifetime(mode));
+    const int code = value.empty() ? sqlite3_bind_zeroblob(statement, index, 0)
+                                   : sqlite3_bind_blob64(statement, index, value.data(),
+                                                         value.size(), lifetime(mode));
     return code == SQLITE_OK;
 }
 
@@ -97,7 +96,8 @@ std::optional<ColumnValue> SqliteQuery::getValueFromColumn(int column) const {
     case SQLITE_BLOB: {
         // The size first: the pointer of an empty blob is null.
         const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-        const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement, column));
+        const auto* bytes =
+            static_cast<const std::uint8_t*>(sqlite3_column_blob(statement, column));
         return size == 0 ? ColumnValue{ByteArray{}}
                          : ColumnValue{std::in_place_type<ByteArray>, bytes, bytes + size};
     }

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <thread>
 
+#include <unistd.h>
+
 #include "TempDir.h"
 #include "components/core/Compression.h"
 

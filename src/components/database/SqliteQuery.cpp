@@ -106,19 +106,31 @@ std::optional<ColumnValue> SqliteQuery::getValueFromColumn(int column) const {
     }
 }
 
+// The typed reads take the column's value once and read it in its own type. That is one call
+// under the connection's lock instead of two or three, and it is safe without the lock because a
+// value read in its own type is neither converted nor reallocated.
 std::optional<std::int64_t> SqliteQuery::getIntegerFromColumn(int column) const {
-    if (!hasRow || sqlite3_column_type(statement, column) != SQLITE_INTEGER) {
+    if (!hasRow) {
         return std::nullopt;
     }
-    return sqlite3_column_int64(statement, column);
+    sqlite3_value* value = sqlite3_column_value(statement, column);
+    if (sqlite3_value_type(value) != SQLITE_INTEGER) {
+        return std::nullopt;
+    }
+    return sqlite3_value_int64(value);
 }
 
 std::optional<BlobView> SqliteQuery::getBlobFromColumn(int column) const {
-    if (!hasRow || sqlite3_column_type(statement, column) != SQLITE_BLOB) {
+    if (!hasRow) {
         return std::nullopt;
     }
-    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement, column));
+    sqlite3_value* value = sqlite3_column_value(statement, column);
+    if (sqlite3_value_type(value) != SQLITE_BLOB) {
+        return std::nullopt;
+    }
+    // The size first: the pointer of an empty blob is null.
+    const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_value_blob(value));
     return BlobView{size == 0 ? nullptr : bytes, size};
 }
 

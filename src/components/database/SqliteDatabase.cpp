@@ -42,6 +42,12 @@ void harden(sqlite3* connection, const std::string& path) {
             throw openError(path, "the connection cannot be restricted to plain tables");
         }
     }
+    // Damaged pages are then refused as corrupt instead of being read past their cells; this
+    // costs 1 to 4 % of the instructions of a read.
+    if (sqlite3_exec(connection, "PRAGMA cell_size_check = ON;", nullptr, nullptr, nullptr) !=
+        SQLITE_OK) {
+        throw openError(path, "pages cannot be checked as they are read");
+    }
 }
 
 }  // namespace

@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test debug release asan tsan bench clean
+.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench crash-test clean
 
 all: build
 
@@ -34,10 +34,15 @@ test-tsan: tsan
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
 demo: release
-	build-release/examples/korvane-demo
+	rm -rf build-release/demo
+	build-release/tools/korvane-log/korvane-log demo build-release/demo
 
 bench: release
 	@for b in build-release/bench/*-bench; do [ -x "$$b" ] && "$$b"; done
 
 clean:
 	rm -rf build-debug build-release build-asan build-tsan
+
+# Kills a recorder 200 times per configuration and reports what the files still hold.
+crash-test: release
+	build-release/tests/crash/crash-test --runs 200

@@ -1,0 +1,343 @@
+// info and cat: what a log file holds.
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <iostream>
+#include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "Commands.h"
+#include "Format.h"
+
+namespace KorvaneLog {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+// The metadata that `info` shows in its header rather than among the other keys.
+const std::set<std::string> identityKeys{
+    "createdDateTime", "applicationName", "applicationVersion",
+    "currentTimeZone", "logVersion",      "compressionLevel",
+};
+
+// Counts and extent of a set of entries.
+struct EntryStats {
+    std::int64_t count = 0;
+    std::uint64_t payloadBytes = 0;
+    std::int64_t firstTimestamp = std::numeric_limits<std::int64_t>::max();
+    std::int64_t lastTimestamp = std::numeric_limits<std::int64_t>::min();
+
+    void add(const DataEntry& entry) {
+        ++count;
+        payloadBytes += entry.data.size();
+        firstTimestamp = std::min(firstTimestamp, entry.timestamp);
+        lastTimestamp = std::max(lastTimestamp, entry.timestamp);
+    }
+    std::int64_t spanMs() const { return count > 0 ? lastTimestamp - firstTimestamp : 0; }
+};
+
+// Everything `info` reports, gathered in one walk over the entries.
+struct Summary {
+    fs::path file;
+    std::uintmax_t fileSize = 0;
+    std::int32_t entryCount = 0;
+    std::int32_t firstId = -1;
+    std::int32_t lastId = -1;
+    EntryStats entries;
+    std::vector<DataSource> sources;
+    std::map<std::int8_t, EntryStats> bySource;
+    std::map<std::int8_t, std::vector<Korvane::Logging::DataSourceProperty>> properties;
+    std::vector<LogMetadataEntry> metadata;
+    std::vector<LogResourceEntry> resources;
+    std::size_t bookmarkCount = 0;
+};
+
+Summary summarise(const LogFileInterface& log) {
+    Summary summary;
+    summary.file = log.getFilePath();
+    summary.fileSize = fs::file_size(summary.file);
+    summary.entryCount = std::max(log.getEntryCount(), 0);
+    if (summary.entryCount > 0) {
+        summary.firstId = log.getFirstEntryId();
+        summary.lastId = log.getLastEntryId();
+    }
+    forEachEntry(log, EntryRange{}, [&summary](const DataEntry& entry) {
+        summary.entries.add(entry);
+        summary.bySource[entry.dataSourceId].add(entry);
+        return true;
+    });
+    summary.sources = log.getDataSources();
+    for (auto& property : log.getAllDataSourceProperties()) {
+        summary.properties[property.dataSourceId].push_back(std::move(property));
+    }
+    summary.metadata = log.getAllMetadata();
+    summary.resources = log.getAllResources();
+    summary.bookmarkCount = log.getBookmarks().size();
+    return summary;
+}
+
+EntryStats statsOf(const Summary& summary, std::int8_t sourceId) {
+    const auto found = summary.bySource.find(sourceId);
+    return found == summary.bySource.end() ? EntryStats{} : found->second;
+}
+
+std::optional<std::int64_t> metadataInteger(const Summary& summary, const std::string& key) {
+    for (const LogMetadataEntry& entry : summary.metadata) {
+        if (entry.key == key && std::holds_alternative<std::int64_t>(entry.value)) {
+            return std::get<std::int64_t>(entry.value);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string metadataText(const Summary& summary, const std::string& key) {
+    for (const LogMetadataEntry& entry : summary.metadata) {
+        if (entry.key == key) {
+            return valueText(entry.value);
+        }
+    }
+    return "(none)";
+}
+
+std::string rateText(const EntryStats& stats) {
+    if (stats.count < 2 || stats.spanMs() <= 0) {
+        return "";
+    }
+    char text[32];
+    std::snprintf(
+        text, sizeof text, "%.1f Hz",
+        static_cast<double>(stats.count - 1) * 1000.0 / static_cast<double>(stats.spanMs()));
+    return text;
+}
+
+std::string propertiesText(const Summary& summary, std::int8_t sourceId) {
+    std::string text;
+    const auto found = summary.properties.find(sourceId);
+    if (found != summary.properties.end()) {
+        for (const auto& property : found->second) {
+            text += (text.empty() ? "" : ", ") + property.name + "=" + valueText(property.value);
+        }
+    }
+    return text;
+}
+
+void printSummary(const Summary& summary) {
+    const auto field = [](const std::string& label, const std::string& value) {
+        std::cout << label << std::string(13 - label.size(), ' ') << value << '\n';
+    };
+    const std::optional<std::int64_t> created = metadataInteger(summary, "createdDateTime");
+    const std::optional<std::int64_t> level = metadataInteger(summary, "compressionLevel");
+    field("File", summary.file.string() + " (" + humanSize(summary.fileSize) + ")");
+    field("Log version", metadataText(summary, "logVersion") + ", compression " +
+                             compressionText(level.value_or(0)));
+    field("Created", created ? isoDateTime(*created) : "(unknown)");
+    field("Application", metadataText(summary, "applicationName") + " " +
+                             metadataText(summary, "applicationVersion"));
+    field("Time zone", metadataText(summary, "currentTimeZone"));
+    if (summary.entryCount == 0) {
+        field("Entries", "none");
+    } else {
+        field("Entries", std::to_string(summary.entryCount) + ", ids " +
+                             std::to_string(summary.firstId) + " to " +
+                             std::to_string(summary.lastId));
+        field("Time", isoDateTime(summary.entries.firstTimestamp) + " to " +
+                          isoDateTime(summary.entries.lastTimestamp) + " (" +
+                          humanDuration(summary.entries.spanMs()) + ")");
+        field("Payload", humanSize(summary.entries.payloadBytes) + " as logged");
+    }
+    field("Bookmarks", std::to_string(summary.bookmarkCount));
+
+    Table sources({{"ID", true},
+                   {"NAME"},
+                   {"TYPE", true},
+                   {"ENTRIES", true},
+                   {"RATE", true},
+                   {"PAYLOAD", true},
+                   {"PROPERTIES"}},
+                  "  ");
+    for (const DataSource& source : summary.sources) {
+        const EntryStats stats = statsOf(summary, source.id);
+        const std::string payload = humanSize(stats.payloadBytes);
+        sources.addRow({std::to_string(source.id), source.name, std::to_string(source.type),
+                        std::to_string(stats.count), rateText(stats), payload,
+                        propertiesText(summary, source.id)});
+    }
+    std::cout << "\nData sources\n";
+    if (sources.empty()) {
+        std::cout << "  (none)\n";
+    } else {
+        sources.print(std::cout);
+    }
+
+    if (!summary.resources.empty()) {
+        Table resources({{"NAME"}, {"SIZE", true}}, "  ");
+        for (const LogResourceEntry& resource : summary.resources) {
+            resources.addRow({resource.name, humanSize(resource.data.size())});
+        }
+        std::cout << "\nResources\n";
+        resources.print(std::cout);
+    }
+
+    Table others({{"KEY"}, {"KIND"}, {"VALUE"}}, "  ");
+    for (const LogMetadataEntry& entry : summary.metadata) {
+        if (identityKeys.count(entry.key) == 0) {
+            others.addRow({entry.key, valueKind(entry.value), valueText(entry.value)});
+        }
+    }
+    if (!others.empty()) {
+        std::cout << "\nMetadata\n";
+        others.print(std::cout);
+    }
+}
+
+json summaryJson(const Summary& summary) {
+    json out;
+    out["file"] = summary.file.string();
+    out["fileSize"] = summary.fileSize;
+    out["logVersion"] = metadataInteger(summary, "logVersion").value_or(0);
+    out["compressionLevel"] = metadataInteger(summary, "compressionLevel").value_or(0);
+    if (const auto created = metadataInteger(summary, "createdDateTime")) {
+        out["createdDateTime"] = *created;
+        out["created"] = isoDateTime(*created);
+    }
+    out["entryCount"] = summary.entryCount;
+    out["firstEntryId"] = summary.firstId;
+    out["lastEntryId"] = summary.lastId;
+    if (summary.entries.count > 0) {
+        out["firstTimestamp"] = summary.entries.firstTimestamp;
+        out["lastTimestamp"] = summary.entries.lastTimestamp;
+    }
+    out["spanMs"] = summary.entries.spanMs();
+    out["payloadBytes"] = summary.entries.payloadBytes;
+    out["bookmarkCount"] = summary.bookmarkCount;
+    out["dataSources"] = json::array();
+    for (const DataSource& source : summary.sources) {
+        const EntryStats stats = statsOf(summary, source.id);
+        json properties = json::object();
+        const auto owned = summary.properties.find(source.id);
+        if (owned != summary.properties.end()) {
+            for (const auto& property : owned->second) {
+                properties[property.name] = valueJson(property.value);
+            }
+        }
+        out["dataSources"].push_back({{"id", source.id},
+                                      {"name", source.name},
+                                      {"type", static_cast<std::int32_t>(source.type)},
+                                      {"entryCount", stats.count},
+                                      {"payloadBytes", stats.payloadBytes},
+                                      {"properties", properties}});
+    }
+    out["resources"] = json::array();
+    for (const LogResourceEntry& resource : summary.resources) {
+        out["resources"].push_back({{"name", resource.name}, {"size", resource.data.size()}});
+    }
+    out["metadata"] = json::object();
+    for (const LogMetadataEntry& entry : summary.metadata) {
+        out["metadata"][entry.key] = valueJson(entry.value);
+    }
+    return out;
+}
+
+// The type of the source with `id` as a number; -1 when there is no such source.
+std::int32_t sourceType(const std::vector<DataSource>& sources, std::int8_t id) {
+    const DataSource* source = findSource(sources, id);
+    return source != nullptr ? static_cast<std::int32_t>(source->type) : -1;
+}
+
+// The longest source name, for the width of a column that streams.
+std::size_t longestName(const std::vector<DataSource>& sources) {
+    std::size_t longest = 0;
+    for (const DataSource& source : sources) {
+        longest = std::max(longest, source.name.size());
+    }
+    return longest;
+}
+
+using EntryPrinter = std::function<void(const DataEntry&)>;
+
+// Prints entries of `log` in one of the formats of `cat`.
+EntryPrinter entryPrinter(const std::string& format, const LogFileInterface& log) {
+    const std::vector<DataSource> sources = log.getDataSources();
+    if (format == "json") {
+        return [sources](const DataEntry& entry) {
+            const json line{{"id", entry.entryId},
+                            {"timestamp", entry.timestamp},
+                            {"time", isoDateTime(entry.timestamp)},
+                            {"source", sourceName(sources, entry.dataSourceId)},
+                            {"sourceId", entry.dataSourceId},
+                            {"sourceType", sourceType(sources, entry.dataSourceId)},
+                            {"type", entry.type},
+                            {"size", entry.data.size()},
+                            {"data", base64Encode(entry.data)}};
+            std::cout << line.dump() << '\n';
+        };
+    }
+    if (format == "hex") {
+        return [sources](const DataEntry& entry) {
+            const std::string when = localDateTime(entry.timestamp);
+            const std::string source = sourceName(sources, entry.dataSourceId);
+            std::cout << "entry " << entry.entryId << "  " << when << "  " << source << "  type "
+                      << entry.type << "  " << humanSize(entry.data.size()) << '\n';
+            hexDump(std::cout, entry.data, "  ");
+        };
+    }
+    if (format == "raw") {
+        return [](const DataEntry& entry) {
+            std::cout.write(reinterpret_cast<const char*>(entry.data.data()),
+                            static_cast<std::streamsize>(entry.data.size()));
+        };
+    }
+    // The table streams: its widths are fixed before the first row.
+    Table table({{"ID", true}, {"TIME"}, {"SOURCE"}, {"TYPE", true}, {"SIZE", true}});
+    table.reserveWidth(0, std::to_string(std::max(log.getLastEntryId(), 0)).size());
+    table.reserveWidth(1, localDateTime(0).size());
+    table.reserveWidth(2, longestName(sources));
+    table.reserveWidth(4, 9);
+    table.printHeader(std::cout);
+    return [sources, table](const DataEntry& entry) {
+        table.printRow(std::cout, {std::to_string(entry.entryId), localDateTime(entry.timestamp),
+                                   sourceName(sources, entry.dataSourceId),
+                                   std::to_string(entry.type), humanSize(entry.data.size())});
+    };
+}
+
+}  // namespace
+
+int runInfo(const InfoOptions& options) {
+    const Summary summary = summarise(*openLog(options.file));
+    if (options.json) {
+        std::cout << summaryJson(summary).dump(2) << '\n';
+    } else {
+        printSummary(summary);
+    }
+    return 0;
+}
+
+int runCat(const CatOptions& options) {
+    const std::unique_ptr<SqliteLogFile> log = openLog(options.file);
+    EntryRange range;
+    range.first = options.from;
+    range.last = options.to;
+    range.limit = options.limit;
+    range.filter.dataTypes = options.types;
+    range.filter.dataSources = resolveSources(*log, options.sources);
+    for (const std::int32_t type : options.sourceTypes) {
+        range.filter.dataSourceTypes.push_back(static_cast<KV_LogDataSourceType>(type));
+    }
+    if (options.format == "raw") {
+        refuseTerminalStdout();
+    }
+    const EntryPrinter print = entryPrinter(options.format, *log);
+    forEachEntry(*log, range, [&print](const DataEntry& entry) {
+        print(entry);
+        return static_cast<bool>(std::cout);
+    });
+    std::cout.flush();
+    return 0;
+}
+
+}  // namespace KorvaneLog

@@ -1,0 +1,214 @@
+#include "LogFiles.h"
+
+#include <korvane/logging/model/LegacyLogFileError.h>
+#include <korvane/logging/model/NotALogFileError.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+namespace KorvaneLog {
+
+namespace {
+
+// Entries read per query while walking a file: enough to keep queries few, few enough that a
+// batch of camera frames stays a few megabytes.
+constexpr std::ptrdiff_t entriesPerBatch = 64;
+
+std::int64_t nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string firstLineOf(const fs::path& file) {
+    std::ifstream in(file);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+}  // namespace
+
+ToolError::ToolError(const fs::path& file, const std::string& reason)
+    : std::runtime_error(file.string() + ": " + reason) {}
+
+std::unique_ptr<SqliteLogFile> openLog(const fs::path& file) {
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw ToolError(file, error.message());
+    }
+    if (!fs::exists(status)) {
+        throw ToolError(file, "no such file");
+    }
+    if (fs::is_directory(status)) {
+        throw ToolError(file, "is a directory, not a log file");
+    }
+    // The library would give an empty file the schema of a new log: leave it untouched.
+    if (!fs::is_regular_file(status) || fs::file_size(file, error) == 0) {
+        throw ToolError(file, "not a log file (empty or not a regular file)");
+    }
+    try {
+        return std::make_unique<SqliteLogFile>(file);
+    } catch (const Korvane::Logging::LegacyLogFileError&) {
+        throw ToolError(file, "a legacy log file of the older format, which cannot be read");
+    } catch (const Korvane::Logging::NotALogFileError&) {
+        throw ToolError(file, "not a log file");
+    } catch (const std::exception& failure) {
+        throw ToolError(file, failure.what());
+    }
+}
+
+std::unique_ptr<SqliteLogFile> createLog(const fs::path& file, const NewFileIdentity& identity) {
+    requireAbsent(file);
+    try {
+        return std::make_unique<SqliteLogFile>(
+            file.string(), localTimeZoneName(), identity.applicationName,
+            identity.applicationVersion, static_cast<std::int8_t>(identity.compressionLevel),
+            nowMs());
+    } catch (const std::exception& failure) {
+        throw ToolError(file, failure.what());
+    }
+}
+
+void requireSuccess(bool done, const LogFileInterface& log, const std::string& action) {
+    if (!done) {
+        throw ToolError(log.getFilePath(), "cannot " + action + ": " + log.getLastError());
+    }
+}
+
+void requireAbsent(const fs::path& output) {
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(output, error))) {
+        throw ToolError(output, "exists already; will not overwrite it");
+    }
+}
+
+ByteArray readBytes(const fs::path& file) {
+    std::error_code error;
+    if (!fs::is_regular_file(file, error)) {
+        throw ToolError(file, fs::exists(file, error) ? "not a regular file" : "no such file");
+    }
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        throw ToolError(file, std::strerror(errno));
+    }
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void refuseTerminalStdout() {
+    if (isatty(STDOUT_FILENO)) {
+        throw ToolError("stdout", "is a terminal; give -o FILE or redirect the bytes");
+    }
+}
+
+void writeBytes(const fs::path& output, const ByteArray& bytes) {
+    const auto* data = reinterpret_cast<const char*>(bytes.data());
+    const auto size = static_cast<std::streamsize>(bytes.size());
+    if (output.empty()) {
+        refuseTerminalStdout();
+        std::cout.write(data, size).flush();
+        return;
+    }
+    requireAbsent(output);
+    std::ofstream out(output, std::ios::binary);
+    if (!out.write(data, size) || !out.flush()) {
+        throw ToolError(output, std::strerror(errno));
+    }
+}
+
+std::string localTimeZoneName() {
+    if (const char* zone = std::getenv("TZ"); zone != nullptr && *zone != '\0') {
+        return zone[0] == ':' ? zone + 1 : zone;
+    }
+    if (std::string name = firstLineOf("/etc/timezone"); !name.empty()) {
+        return name;
+    }
+    std::error_code error;
+    const std::string target = fs::read_symlink("/etc/localtime", error).string();
+    if (const auto at = target.find("zoneinfo/"); !error && at != std::string::npos) {
+        return target.substr(at + 9);
+    }
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char abbreviation[16] = {};
+    std::strftime(abbreviation, sizeof abbreviation, "%Z", &local);
+    return abbreviation;
+}
+
+std::optional<std::int64_t> integerMetadata(const LogFileInterface& log, const std::string& key) {
+    const std::optional<PropertyValue> value = log.getMetadataValue(key);
+    if (value && std::holds_alternative<std::int64_t>(*value)) {
+        return std::get<std::int64_t>(*value);
+    }
+    if (value && std::holds_alternative<std::int32_t>(*value)) {
+        return std::get<std::int32_t>(*value);
+    }
+    return std::nullopt;
+}
+
+std::string textMetadata(const LogFileInterface& log, const std::string& key) {
+    const std::optional<PropertyValue> value = log.getMetadataValue(key);
+    return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value)
+                                                                : std::string();
+}
+
+const DataSource* findSource(const std::vector<DataSource>& sources, std::int8_t id) {
+    const auto found = std::find_if(sources.begin(), sources.end(),
+                                    [id](const DataSource& source) { return source.id == id; });
+    return found == sources.end() ? nullptr : &*found;
+}
+
+std::string sourceName(const std::vector<DataSource>& sources, std::int8_t id) {
+    const DataSource* source = findSource(sources, id);
+    return source != nullptr ? source->name : "#" + std::to_string(id);
+}
+
+std::vector<std::int8_t> resolveSources(const LogFileInterface& log,
+                                        const std::vector<std::string>& names) {
+    const std::vector<DataSource> sources = log.getDataSources();
+    std::vector<std::int8_t> ids;
+    for (const std::string& name : names) {
+        const std::size_t before = ids.size();
+        for (const DataSource& source : sources) {
+            if (source.name == name || std::to_string(source.id) == name) {
+                ids.push_back(source.id);
+            }
+        }
+        if (ids.size() == before) {
+            throw ToolError(log.getFilePath(), "no data source named or numbered '" + name + "'");
+        }
+    }
+    return ids;
+}
+
+void forEachEntry(const LogFileInterface& log, const EntryRange& range,
+                  const std::function<bool(const DataEntry&)>& visit) {
+    const std::vector<std::int32_t> ids = log.getEntryIndex(range.filter);
+    auto begin =
+        range.first < 0 ? ids.begin() : std::lower_bound(ids.begin(), ids.end(), range.first);
+    auto end = range.last < 0 ? ids.end() : std::upper_bound(begin, ids.end(), range.last);
+    if (range.limit >= 0 && end - begin > range.limit) {
+        end = begin + range.limit;
+    }
+    while (begin < end) {
+        const auto batchEnd = begin + std::min(entriesPerBatch, end - begin);
+        for (const DataEntry& entry : log.readEntries(*begin, *(batchEnd - 1), range.filter, -1)) {
+            if (!visit(entry)) {
+                return;
+            }
+        }
+        begin = batchEnd;
+    }
+}
+
+}  // namespace KorvaneLog

@@ -1,0 +1,401 @@
+"""LogFile: an open log file, for recording and for reading back."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import weakref
+from collections.abc import Iterable, Iterator
+from contextlib import contextmanager
+from ctypes import byref, c_int8, c_int32, c_void_p
+from functools import partial
+from types import TracebackType
+from typing import Union
+
+from ._calls import Value, blob, checked, collect, collect_ids, encode, fixed, make_value
+from ._calls import number_of, owned, read_value
+from ._library import library
+from .errors import LogError, NotFoundError
+from .records import Bookmark, Entry, Property, Source
+from .views import Metadata, Resources
+
+PathLike = Union[str, "os.PathLike[str]"]
+SourceRef = Union[Source, int]
+"""A data source, given as the record that `add_source` or `sources` returned or by its id."""
+
+
+def _release(lib: ctypes.CDLL, handle: int, sources: dict[int, int]) -> None:
+    """Destroys a file's handle and the source handles kept for it; runs once per file."""
+    for source in sources.values():
+        lib.KV_LogDataSource_Destroy(source)
+    sources.clear()
+    lib.KV_LogFile_Destroy(handle)
+
+
+@contextmanager
+def _config(lib: ctypes.CDLL, app_name: str, app_version: str, time_zone: str,
+            level: int) -> Iterator[int]:
+    """A config for a new file, destroyed when the block ends."""
+    config = lib.KV_LogConfig_Create(encode(app_name), encode(app_version), encode(time_zone))
+    with owned(lib, config, "KV_LogConfig"):
+        checked(lib, "KV_LogConfig_SetCompressionLevel", config,
+                fixed(level, 8, "compression level"))
+        yield config
+
+
+def _source_id(source: SourceRef) -> int:
+    return fixed(source.id if isinstance(source, Source) else source, 8, "source id")
+
+
+class LogFile:
+    """An open log file.
+
+    Make one with `LogFile.create` (a new file that accepts sources and entries) or
+    `LogFile.open` (an existing file, which takes metadata, resources and bookmarks but no new
+    sources or entries). Close it with `close()` or by using it in a `with` block; a file that
+    is dropped unclosed is closed when it is collected. Every write is complete when its call
+    returns. Failures raise `LogError` with the library's message.
+    """
+
+    def __init__(self, lib: ctypes.CDLL, handle: int, path: PathLike) -> None:
+        """Takes ownership of `handle`; use `create` or `open` instead."""
+        self._lib = lib
+        self._handle = handle
+        self._path = os.fsdecode(path)
+        self._location = os.path.abspath(self._path)
+        # Entries and properties are made from a source handle that carries the source's id,
+        # and only the library can give a handle an id, so the ones it gave are kept.
+        self._sources: dict[int, int] = {}
+        self._finalizer = weakref.finalize(self, _release, lib, handle, self._sources)
+
+    @classmethod
+    def create(cls, path: PathLike, app_name: str, app_version: str, time_zone: str = "",
+               level: int = -1) -> LogFile:
+        """Creates a new log file at `path`, where nothing may exist yet.
+
+        `level` is the compression level of the entries: 0 stores them as they are, 1 to 9
+        compress, -1 takes the default level.
+        """
+        lib = library()
+        with _config(lib, app_name, app_version, time_zone, level) as config:
+            handle = checked(lib, "KV_LogFile_Create", os.fsencode(path), config)
+        return cls(lib, handle, path)
+
+    @classmethod
+    def open(cls, path: PathLike) -> LogFile:
+        """Opens the existing log file at `path`."""
+        lib = library()
+        return cls(lib, checked(lib, "KV_LogFile_Open", os.fsencode(path)), path)
+
+    def close(self) -> None:
+        """Closes the file. Closing again does nothing; records read from it stay usable."""
+        self._finalizer()
+
+    @property
+    def closed(self) -> bool:
+        """True once the file is closed."""
+        return not self._finalizer.alive
+
+    @property
+    def path(self) -> str:
+        """The path the file was created or opened with."""
+        return self._path
+
+    def __enter__(self) -> LogFile:
+        self._live()
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 traceback: TracebackType | None) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        return f"<LogFile {self._path!r}{' (closed)' if self.closed else ''}>"
+
+    def _live(self) -> int:
+        """The file's handle; raises ValueError once the file is closed."""
+        if not self._finalizer.alive:
+            raise ValueError(f"the log file {self._path!r} is closed")
+        return self._handle
+
+    # ---- Data sources ----------------------------------------------------------------------
+
+    def add_source(self, name: str, type: int) -> Source:
+        """Registers a data source of kind `type` (a number of the caller's) and returns it."""
+        lib, file = self._lib, self._live()
+        handle = lib.KV_LogDataSource_Create(fixed(type, 32, "source type"), encode(name))
+        if not handle:
+            raise MemoryError("the library could not make a data source")
+        try:
+            checked(lib, "KV_LogFile_AddDataSource", file, handle)
+            source = Source._from_handle(lib, handle)
+        except BaseException:
+            lib.KV_LogDataSource_Destroy(handle)
+            raise
+        self._keep_source(handle)
+        return source
+
+    @property
+    def sources(self) -> list[Source]:
+        """The data sources of the file, by ascending id."""
+        lib = self._lib
+        return collect(lib, "KV_LogFile_GetDataSources", self._live(), family="KV_LogDataSource",
+                       convert=partial(Source._from_handle, lib), has_error=True)
+
+    def add_property(self, source: SourceRef, key: str, value: Value) -> None:
+        """Attaches `key` with an int, float or str `value` to a source; keys may repeat."""
+        lib, file = self._lib, self._live()
+        with self._source_handle(source) as source_handle:
+            record = make_value(lib, "KV_LogDataSourceProperty", value, source_handle,
+                                encode(key))
+            with owned(lib, record, "KV_LogDataSourceProperty"):
+                checked(lib, "KV_LogFile_AddDataSourceProperty", file, record)
+
+    def get_property(self, source: SourceRef, key: str) -> Value:
+        """The value of a source's property `key` (the first, should it repeat)."""
+        lib, file, out = self._lib, self._live(), c_void_p()
+        with self._source_handle(source) as source_handle:
+            checked(lib, "KV_LogFile_GetDataSourceProperty", file, source_handle, encode(key),
+                    byref(out), kind=NotFoundError)
+        with owned(lib, out.value, "KV_LogDataSourceProperty") as record:
+            return read_value(lib, "KV_LogDataSourceProperty", record)
+
+    def properties(self, source: SourceRef | None = None) -> list[Property]:
+        """The properties of all sources, or of `source` alone, in the order of the file."""
+        lib = self._lib
+        found = collect(lib, "KV_LogFile_GetAllDataSourceProperties", self._live(),
+                        family="KV_LogDataSourceProperty",
+                        convert=partial(Property._from_handle, lib), has_error=True)
+        if source is None:
+            return found
+        wanted = _source_id(source)
+        return [item for item in found if item.source_id == wanted]
+
+    def _keep_source(self, handle: int) -> None:
+        source_id = number_of(self._lib.KV_LogDataSource_GetId, handle, c_int8)
+        if source_id in self._sources:
+            self._lib.KV_LogDataSource_Destroy(handle)
+        else:
+            self._sources[source_id] = handle
+
+    @contextmanager
+    def _source_handle(self, source: SourceRef) -> Iterator[int]:
+        """A handle that carries the id of `source`, for one call."""
+        source_id = _source_id(source)
+        if source_id not in self._sources:
+            collect(self._lib, "KV_LogFile_GetDataSources", self._live(),
+                    family="KV_LogDataSource", convert=self._keep_source, has_error=True,
+                    keep=True)
+        if source_id in self._sources:
+            yield self._sources[source_id]
+            return
+        # No source has this id. A handle that names none lets the library refuse the call in
+        # its own words.
+        with owned(self._lib, self._lib.KV_LogDataSource_Create(0, b""),
+                   "KV_LogDataSource") as unregistered:
+            yield unregistered
+
+    # ---- Entries ---------------------------------------------------------------------------
+
+    def log(self, source: SourceRef, type: int, data: bytes,
+            timestamp: int | None = None) -> None:
+        """Logs `data` from `source` under the data type `type`.
+
+        `timestamp` is in milliseconds since the Unix epoch; the present time when omitted.
+        """
+        lib, file = self._lib, self._live()
+        data = blob(data)
+        with self._source_handle(source) as source_handle:
+            entry = lib.KV_LogDataEntry_Create(source_handle, fixed(type, 32, "data type"),
+                                               data, len(data))
+        with owned(lib, entry, "KV_LogDataEntry"):
+            if timestamp is not None:
+                lib.KV_LogDataEntry_SetTimestamp(entry, fixed(timestamp, 64, "timestamp"))
+            checked(lib, "KV_LogFile_LogData", file, entry)
+
+    def read_entry(self, entry_id: int) -> Entry:
+        """The entry `entry_id`; NotFoundError when there is none."""
+        lib, out = self._lib, c_void_p()
+        checked(lib, "KV_LogFile_ReadEntry", self._live(), fixed(entry_id, 32, "entry id"),
+                byref(out), kind=NotFoundError)
+        with owned(lib, out.value, "KV_LogDataEntry") as entry:
+            return Entry(entry_id, *Entry._fields_of(lib, entry))
+
+    def read_entries(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
+                     sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
+                     limit: int = -1) -> list[Entry]:
+        """The entries with ids from `first` to `last` (both included), by ascending id.
+
+        -1 for `first` or `last` stands for the file's first or last entry. Each of `types`
+        (data types), `sources` and `source_types` narrows the selection when it is not empty.
+        At most `limit` entries are read; -1 reads all. All entries are held in memory at once.
+        """
+        lib, file = self._lib, self._live()
+        with self._filter(types, sources, source_types) as selection:
+            fields = collect(lib, "KV_LogFile_ReadEntries", file, fixed(first, 32, "entry id"),
+                             fixed(last, 32, "entry id"), selection, fixed(limit, 32, "limit"),
+                             family="KV_LogDataEntry", convert=partial(Entry._fields_of, lib))
+            if not fields:
+                return []
+            # Entry records carry no readable id. The index of the same selection lists them
+            # in the same order, and ids only grow, so its first ids in the range are theirs.
+            ids = [entry_id for entry_id in collect_ids(lib, "KV_LogFile_GetEntryIndex", file,
+                                                         selection)
+                   if (first == -1 or entry_id >= first) and (last == -1 or entry_id <= last)]
+        return [Entry(entry_id, *values) for entry_id, values in zip(ids, fields)]
+
+    def entry_index(self, types: Iterable[int] = (), sources: Iterable[SourceRef] = (),
+                    source_types: Iterable[int] = ()) -> list[int]:
+        """The ids of the entries that the filter selects (see `read_entries`), ascending."""
+        with self._filter(types, sources, source_types) as selection:
+            return collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), selection)
+
+    @property
+    def entry_count(self) -> int:
+        """The number of entries."""
+        return self._number("KV_LogFile_GetEntryCount")
+
+    @property
+    def first_entry_id(self) -> int | None:
+        """The lowest entry id, or None in a file without entries."""
+        return self._end_id("KV_LogFile_GetFirstEntryId")
+
+    @property
+    def last_entry_id(self) -> int | None:
+        """The highest entry id, or None in a file without entries."""
+        return self._end_id("KV_LogFile_GetLastEntryId")
+
+    def _number(self, function: str) -> int:
+        number = c_int32()
+        checked(self._lib, function, self._live(), byref(number))
+        return number.value
+
+    def _end_id(self, function: str) -> int | None:
+        try:
+            return self._number(function)
+        except LogError:
+            if self.entry_count == 0:
+                return None
+            raise
+
+    @contextmanager
+    def _filter(self, types: Iterable[int], sources: Iterable[SourceRef],
+                source_types: Iterable[int]) -> Iterator[int]:
+        lib = self._lib
+        with owned(lib, lib.KV_LogEntryIndexFilter_Create(), "KV_LogEntryIndexFilter") as selection:
+            for data_type in types:
+                lib.KV_LogEntryIndexFilter_AddDataType(selection, fixed(data_type, 32, "type"))
+            for source in sources:
+                lib.KV_LogEntryIndexFilter_AddDataSource(selection, _source_id(source))
+            for source_type in source_types:
+                lib.KV_LogEntryIndexFilter_AddDataSourceType(
+                    selection, fixed(source_type, 32, "source type"))
+            yield selection
+
+    # ---- Metadata, resources, bookmarks ----------------------------------------------------
+
+    @property
+    def metadata(self) -> Metadata:
+        """A read-only mapping of the metadata: key to int, float or str."""
+        return Metadata(self)
+
+    def add_metadata(self, key: str, value: Value) -> None:
+        """Adds metadata `key` with an int, float or str value; an existing key is refused."""
+        lib, file = self._lib, self._live()
+        with owned(lib, make_value(lib, "KV_LogMetadata", value, encode(key)),
+                   "KV_LogMetadata") as record:
+            self._add(file, "KV_LogFile_AddMetadata", record, key, self.metadata,
+                      "metadata key")
+
+    @property
+    def resources(self) -> Resources:
+        """A read-only mapping of the resources: name to bytes."""
+        return Resources(self)
+
+    def add_resource(self, name: str, data: bytes) -> None:
+        """Adds the resource `name`; an existing name is refused."""
+        lib, file, data = self._lib, self._live(), blob(data)
+        with owned(lib, lib.KV_LogResource_Create(encode(name), data, len(data)),
+                   "KV_LogResource") as record:
+            self._add(file, "KV_LogFile_AddResource", record, name, self.resources, "resource")
+
+    def _add(self, file: int, function: str, record: int, name: str,
+             existing: Metadata | Resources, what: str) -> None:
+        try:
+            checked(self._lib, function, file, record)
+        except LogError as error:
+            # The library refuses a name that exists without a message of its own; what it
+            # reports then is an earlier failure or "No error".
+            if name in existing:
+                raise LogError(f"The {what} {name!r} exists already.") from error
+            raise
+
+    @property
+    def bookmarks(self) -> list[Bookmark]:
+        """The bookmarks of the file, in the order in which it stores them."""
+        lib = self._lib
+        return collect(lib, "KV_LogFile_GetBookmarks", self._live(), family="KV_LogBookmark",
+                       convert=partial(Bookmark._from_handle, lib))
+
+    def add_bookmark(self, entry_id: int, title: str, comment: str = "",
+                     payload: bytes = b"") -> Bookmark:
+        """Adds a bookmark on the existing entry `entry_id` and returns it."""
+        bookmark = Bookmark(entry_id, title, comment, blob(payload))
+        self._bookmark("KV_LogFile_AddBookmark", bookmark)
+        return bookmark
+
+    def update_bookmark(self, entry_id: int, title: str, comment: str = "",
+                        payload: bytes = b"") -> Bookmark:
+        """Replaces title, comment and payload of the bookmarks on `entry_id`."""
+        bookmark = Bookmark(entry_id, title, comment, blob(payload))
+        self._bookmark("KV_LogFile_UpdateBookmark", bookmark)
+        return bookmark
+
+    def remove_bookmark(self, entry_id: int) -> None:
+        """Removes the bookmarks on `entry_id`."""
+        self._bookmark("KV_LogFile_RemoveBookmark", Bookmark(entry_id, ""))
+
+    def _bookmark(self, function: str, bookmark: Bookmark) -> None:
+        lib, file = self._lib, self._live()
+        record = lib.KV_LogBookmark_Create(fixed(bookmark.entry_id, 32, "entry id"),
+                                           encode(bookmark.title), encode(bookmark.comment),
+                                           bookmark.payload, len(bookmark.payload))
+        with owned(lib, record, "KV_LogBookmark"):
+            checked(lib, function, file, record)
+
+    # ---- Slice and clone -------------------------------------------------------------------
+
+    def slice(self, first: int, last: int, path: PathLike, app_name: str | None = None,
+              app_version: str | None = None, level: int = -1) -> LogFile:
+        """Writes the entries `first` to `last` (both existing) into a new file at `path`.
+
+        The new file keeps metadata, resources, sources, properties and the bookmarks in the
+        range; its entries are numbered from 1. `app_name` and `app_version` default to this
+        file's. The returned file takes no new sources or entries.
+        """
+        return self._derive("KV_LogAlgorithms_Slice", path, app_name, app_version, level,
+                            fixed(first, 32, "entry id"), fixed(last, 32, "entry id"))
+
+    def clone(self, path: PathLike, app_name: str | None = None, app_version: str | None = None,
+              level: int = -1) -> LogFile:
+        """Writes all entries into a new file at `path`, as `slice` does.
+
+        The returned file accepts new sources and entries.
+        """
+        return self._derive("KV_LogAlgorithms_Clone", path, app_name, app_version, level)
+
+    def _derive(self, function: str, path: PathLike, app_name: str | None,
+                app_version: str | None, level: int, *ids: int) -> LogFile:
+        if not os.fspath(path):
+            raise ValueError("the new file needs a path")
+        lib, file = self._lib, self._live()
+        name = app_name if app_name is not None else self._text_metadata("applicationName")
+        version = (app_version if app_version is not None
+                   else self._text_metadata("applicationVersion"))
+        with _config(lib, name, version, "", level) as config:
+            handle = checked(lib, function, file, *ids, os.fsencode(path), config)
+        return LogFile(lib, handle, path)
+
+    def _text_metadata(self, key: str) -> str:
+        value = self.metadata.get(key, "")
+        return value if isinstance(value, str) else ""

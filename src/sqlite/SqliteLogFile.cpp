@@ -138,6 +138,16 @@ PropertyValue toPropertyValue(Database::ColumnValue&& value) {
     return std::visit(ReturnPropertyValueVisitor{}, std::move(value));
 }
 
+// Steps once and converts column 0; empty when there is no row or the value is NULL.
+std::optional<PropertyValue> firstPropertyValue(SqliteQuery& query) {
+    query.executeStep();
+    auto value = query.getValueFromColumn(0);
+    if (!value) {
+        return std::nullopt;
+    }
+    return toPropertyValue(std::move(*value));
+}
+
 std::string textColumn(const SqliteQuery& query, int column) {
     return getValueFromColumn<std::string>(query, column).value_or(std::string());
 }
@@ -282,12 +292,7 @@ bool SqliteLogFile::addMetadata(const std::string& key, PropertyValue value) {
 std::optional<PropertyValue> SqliteLogFile::getMetadataValue(const std::string& key) const {
     SqliteQuery query(impl->database, Statements::selectMetadataValue);
     query.bindParameter(":key", key, BindMode::NoCopy);
-    query.executeStep();
-    auto value = query.getValueFromColumn(0);
-    if (!value) {
-        return std::nullopt;
-    }
-    return toPropertyValue(std::move(*value));
+    return firstPropertyValue(query);
 }
 
 std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
@@ -594,12 +599,7 @@ std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(std::int32_t d
     SqliteQuery query(impl->database, Statements::selectDataSourceProperty);
     query.bindParameter(":id", dataSourceId);
     query.bindParameter(":key", key, BindMode::NoCopy);
-    query.executeStep();
-    auto value = query.getValueFromColumn(0);
-    if (!value) {
-        return std::nullopt;
-    }
-    return toPropertyValue(std::move(*value));
+    return firstPropertyValue(query);
 }
 
 std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() const {

@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench crash-test clean
+.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench bench-smoke crash-test clean
 
 all: build
 
@@ -40,9 +40,45 @@ demo: release
 bench: release
 	@for b in build-release/bench/*-bench; do [ -x "$$b" ] && "$$b"; done
 
+bench-smoke: release
+	@for b in build-release/bench/*-bench; do [ -x "$$b" ] && "$$b" --quick; done
+
 clean:
 	rm -rf build-debug build-release build-asan build-tsan
 
 # Kills a recorder 200 times per configuration and reports what the files still hold.
 crash-test: release
 	build-release/tests/crash/crash-test --runs 200
+
+# Fuzzing with clang's libFuzzer (Debian: clang, libclang-rt-14-dev), in build-fuzz. `make fuzz`
+# runs each target for FUZZ_SECONDS; new inputs go to build-fuzz/corpus, findings to
+# build-fuzz/findings. `make fuzz-smoke` replays the seed corpora, then fuzzes each target 30 s.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS = open_file damaged_log flat_calls
+
+.PHONY: fuzz-build fuzz fuzz-smoke
+
+fuzz-build: deps
+	@command -v clang++ >/dev/null || { echo "fuzzing needs clang and libclang-rt-14-dev"; exit 1; }
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DKORVANE_FUZZ=ON -DKORVANE_SANITIZE=address -DKORVANE_WERROR=$(WERROR) \
+		-DKORVANE_BUILD_TESTS=OFF -DKORVANE_BUILD_TOOLS=OFF -DKORVANE_BUILD_BENCH=OFF
+	cmake --build build-fuzz -j $(JOBS)
+
+fuzz-run-%:
+	mkdir -p build-fuzz/corpus/$* build-fuzz/findings
+	build-fuzz/fuzz/$* -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+		-artifact_prefix=build-fuzz/findings/$*- build-fuzz/corpus/$* fuzz/corpus/$*
+
+fuzz: fuzz-build
+	@for target in $(FUZZ_TARGETS); do \
+		$(MAKE) --no-print-directory fuzz-run-$$target || exit 1; \
+	done
+
+fuzz-smoke: fuzz-build
+	@for target in $(FUZZ_TARGETS); do \
+		echo "== $$target: replaying fuzz/corpus/$$target"; \
+		build-fuzz/fuzz/$$target fuzz/corpus/$$target/* > build-fuzz/replay-$$target.log 2>&1 \
+			|| { cat build-fuzz/replay-$$target.log; exit 1; }; \
+		$(MAKE) --no-print-directory fuzz-run-$$target FUZZ_SECONDS=30 || exit 1; \
+	done

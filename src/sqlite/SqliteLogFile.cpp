@@ -186,6 +186,16 @@ void checkBookmarksTable(SqliteDatabase& database) {
     }
 }
 
+// SQLite reports a file of one byte as empty (a workaround of its own for file systems that
+// write such a byte), so that file would be given the schema as an empty one is. A file that holds
+// bytes but is too short for a database header is no database.
+bool holdsBytesButNoDatabase(const std::filesystem::path& path) {
+    constexpr std::uintmax_t databaseHeaderSize = 100;
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    return !error && size > 0 && size < databaseHeaderSize;
+}
+
 // Why a file that is no database cannot be opened: the legacy format, or anything else.
 [[noreturn]] void refuseNonDatabase(const std::filesystem::path& path) {
     std::array<char, 4> head{};
@@ -205,6 +215,9 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(const std::filesy
         SqliteDatabase& database = impl->database;
         database.executeSimpleQuery(Statements::enableForeignKeys);
         impl->isNewFile = classify(database);
+        if (impl->isNewFile && holdsBytesButNoDatabase(path)) {
+            throw Database::FileIsNotDatabase();
+        }
         if (impl->isNewFile) {
             for (const char* statement : Statements::schema) {
                 database.executeSimpleQuery(statement);

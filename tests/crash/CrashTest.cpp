@@ -2,18 +2,25 @@
 //
 // A child records entries and writes the id of each acknowledged entry to a pipe; the parent
 // kills it with SIGKILL after a random time, then checks the file in another child, so that a
-// crash while checking is counted instead of ending the run. Without arguments it runs a short
-// round and fails on any crash; `--runs N` sets the kills per configuration.
+// crash while checking is counted instead of ending the run. The checking child also runs
+// `korvane-log recover` on the killed file and counts the acknowledged entries in what it saved.
+// Without arguments it runs a short round and fails on any crash. Options: `--runs N` kills per
+// configuration, `--tool PATH` another korvane-log, `--keep DIR` keeps a copy of every file
+// that is not intact.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -64,11 +71,60 @@ ByteArray payloadFor(std::int32_t id, std::size_t size) {
 }
 
 enum Outcome : int {
-    Intact = 0,       // opens, passes the integrity check, every acknowledged entry reads back
-    LostEntries = 1,  // opens, but some acknowledged entries are missing or wrong
-    Refused = 2,      // the library refuses the file
-    NotIntact = 4,    // flag: the integrity check fails
+    Intact = 0,          // opens, passes the integrity check, every acknowledged entry reads back
+    LostEntries = 1,     // opens, but some acknowledged entries are missing or wrong
+    Refused = 2,         // the library refuses the file
+    NotIntact = 4,       // flag: the integrity check fails
+    RecoveryCrashed = 8  // flag: korvane-log recover died of a signal
 };
+
+// The acknowledged entries, 1 to `acknowledged`, that `log` holds with the right payload. An
+// entry is known by its timestamp, which the recorder set to its id: a recovered file numbers
+// its entries anew.
+std::int32_t acknowledgedIn(const SqliteLogFile& log, const Config& config,
+                            std::int32_t acknowledged, bool byTimestamp) {
+    std::vector<bool> found(static_cast<std::size_t>(acknowledged) + 1);
+    const std::int32_t last = byTimestamp ? log.getLastEntryId() : acknowledged;
+    for (std::int32_t id = 1; id <= last; ++id) {
+        try {
+            const auto entry = log.readEntry(id);
+            const std::int64_t key = byTimestamp && entry ? entry->timestamp : id;
+            if (entry && key >= 1 && key <= acknowledged &&
+                entry->data == payloadFor(static_cast<std::int32_t>(key), config.payloadSize)) {
+                found[static_cast<std::size_t>(key)] = true;
+            }
+        } catch (const std::exception&) {
+            // a damaged payload: counted as lost
+        }
+    }
+    return static_cast<std::int32_t>(std::count(found.begin(), found.end(), true));
+}
+
+// Runs `tool recover path recovered` and counts the acknowledged entries it saved; -1 when the
+// tool died of a signal.
+std::int32_t recover(const std::string& tool, const std::string& path, const Config& config,
+                     std::int32_t acknowledged) {
+    const std::string recovered = path + ".recovered";
+    fs::remove(recovered);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        execl(tool.c_str(), tool.c_str(), "recover", path.c_str(), recovered.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFSIGNALED(status)) {
+        return -1;
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || !fs::exists(recovered)) {
+        return 0;
+    }
+    const SqliteLogFile log{fs::path(recovered)};
+    return acknowledgedIn(log, config, acknowledged, true);
+}
 
 bool integrityOk(const std::string& path) {
     sqlite3* db = nullptr;
@@ -87,29 +143,28 @@ bool integrityOk(const std::string& path) {
     return ok;
 }
 
-// Runs in a child: the exit code is an Outcome, and stdout gets the number of readable
-// acknowledged entries.
-[[noreturn]] void check(const std::string& path, const Config& config, std::int32_t acknowledged) {
+// Runs in a child: the exit code is an Outcome, and stdout gets the numbers of acknowledged
+// entries that the library reads and that the recovery saved. The recovery runs first, on the
+// file as the kill left it: the library's open may change a damaged file.
+[[noreturn]] void check(const std::string& path, const Config& config, std::int32_t acknowledged,
+                        const std::string& tool) {
     int flags = integrityOk(path) ? 0 : NotIntact;
-    try {
-        SqliteLogFile log{fs::path(path)};
-        std::int32_t readable = 0;
-        for (std::int32_t id = 1; id <= acknowledged; ++id) {
-            try {
-                const auto entry = log.readEntry(id);
-                readable += entry && entry->data == payloadFor(id, config.payloadSize) ? 1 : 0;
-            } catch (const std::exception&) {
-                // a damaged payload: counted as lost
-            }
-        }
-        std::printf("%d\n", readable);
-        std::fflush(stdout);
-        _exit(flags | (readable == acknowledged ? Intact : LostEntries));
-    } catch (const std::exception&) {
-        std::printf("0\n");
-        std::fflush(stdout);
-        _exit(flags | Refused);
+    std::int32_t recovered = tool.empty() ? 0 : recover(tool, path, config, acknowledged);
+    if (recovered < 0) {
+        flags |= RecoveryCrashed;
+        recovered = 0;
     }
+    std::int32_t readable = 0;
+    try {
+        const SqliteLogFile log{fs::path(path)};
+        readable = acknowledgedIn(log, config, acknowledged, false);
+        flags |= readable == acknowledged ? Intact : LostEntries;
+    } catch (const std::exception&) {
+        flags |= Refused;
+    }
+    std::printf("%d %d\n", readable, recovered);
+    std::fflush(stdout);
+    _exit(flags);
 }
 
 // Runs `body` in a child whose stdout comes back through `output`; returns the wait status.
@@ -141,16 +196,24 @@ int inChild(Body body, std::string& output) {
 
 struct Tally {
     int runs = 0, opened = 0, intact = 0, refused = 0, crashed = 0;
-    long long acknowledged = 0, readable = 0;
+    long long acknowledged = 0, readable = 0, recovered = 0;
 };
 
-Tally runConfig(const Config& config, int runs, std::mt19937& random, const fs::path& dir) {
+struct Settings {
+    int runs = 8;
+    std::string tool = KORVANE_LOG_TOOL;  // empty: no recovery
+    std::string keep;                     // folder for the files that are not intact
+};
+
+Tally runConfig(const Config& config, const Settings& settings, std::mt19937& random,
+                const fs::path& dir) {
     Tally tally;
     // Creating the file takes about a tenth of a second; most kills fall while recording.
     std::uniform_int_distribution<int> delayMs(20, 600);
-    for (int run = 0; run < runs; ++run) {
+    for (int run = 0; run < settings.runs; ++run) {
         const std::string path = (dir / (std::string(config.name) + ".log")).string();
         fs::remove(path);
+        fs::remove(path + "-journal");
         int fds[2];
         if (pipe(fds) != 0) {
             std::exit(2);
@@ -182,18 +245,47 @@ Tally runConfig(const Config& config, int runs, std::mt19937& random, const fs::
         }
 
         std::string output;
-        const int status = inChild([&](int) { check(path, config, acknowledged); }, output);
+        // As the kill left it, with the journal of a schema change that did not finish.
+        const std::string killed = path + ".killed";
+        fs::copy_file(path, killed, fs::copy_options::overwrite_existing);
+        fs::remove(killed + "-journal");
+        if (fs::exists(path + "-journal")) {
+            fs::copy_file(path + "-journal", killed + "-journal");
+        }
+        const int status =
+            inChild([&](int) { check(path, config, acknowledged, settings.tool); }, output);
         ++tally.runs;
         tally.acknowledged += acknowledged;
+        const bool intact = WIFEXITED(status) && WEXITSTATUS(status) == Intact;
+        if (!settings.keep.empty() && !intact) {
+            const std::string name = std::string(config.name) + "-" + std::to_string(run);
+            const fs::path kept = fs::path(settings.keep) / (name + ".log");
+            fs::copy_file(killed, kept, fs::copy_options::overwrite_existing);
+            if (fs::exists(killed + "-journal")) {
+                fs::copy_file(killed + "-journal", kept.string() + "-journal",
+                              fs::copy_options::overwrite_existing);
+            }
+            std::ofstream(fs::path(settings.keep) / (name + ".acknowledged")) << acknowledged;
+        }
         if (!WIFEXITED(status)) {
             ++tally.crashed;
             std::fprintf(stderr, "%s run %d: the check crashed (signal %d); file kept at %s.crash\n",
                          config.name, run, WTERMSIG(status), path.c_str());
-            fs::copy_file(path, path + ".crash", fs::copy_options::overwrite_existing);
+            fs::copy_file(killed, path + ".crash", fs::copy_options::overwrite_existing);
             continue;
         }
         const int outcome = WEXITSTATUS(status);
-        tally.readable += std::atoll(output.c_str());
+        long long readable = 0;
+        long long recovered = 0;
+        std::sscanf(output.c_str(), "%lld %lld", &readable, &recovered);
+        tally.readable += readable;
+        tally.recovered += recovered;
+        if (outcome & RecoveryCrashed) {
+            ++tally.crashed;
+            std::fprintf(stderr, "%s run %d: korvane-log recover crashed on %s\n", config.name, run,
+                         killed.c_str());
+            fs::copy_file(killed, killed + ".crash", fs::copy_options::overwrite_existing);
+        }
         tally.refused += (outcome & Refused) ? 1 : 0;
         tally.opened += (outcome & Refused) ? 0 : 1;
         tally.intact += (outcome & NotIntact) ? 0 : 1;
@@ -201,13 +293,23 @@ Tally runConfig(const Config& config, int runs, std::mt19937& random, const fs::
     return tally;
 }
 
+double percent(long long part, long long whole) {
+    return whole > 0 ? 100.0 * double(part) / double(whole) : 100.0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    int runs = 8;
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (std::strcmp(argv[i], "--runs") == 0) {
-            runs = std::atoi(argv[i + 1]);
+    Settings settings;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string option = argv[i];
+        if (option == "--runs") {
+            settings.runs = std::atoi(argv[i + 1]);
+        } else if (option == "--tool") {
+            settings.tool = argv[i + 1];
+        } else if (option == "--keep") {
+            settings.keep = argv[i + 1];
+            fs::create_directories(settings.keep);
         }
     }
     const Config configs[] = {
@@ -220,15 +322,20 @@ int main(int argc, char** argv) {
     fs::create_directories(dir);
     std::mt19937 random(std::random_device{}());
 
-    std::printf("%-14s %5s %7s %10s %8s %8s %13s %13s\n", "config", "kills", "opened",
-                "integrity", "refused", "crashed", "acknowledged", "readable");
+    std::printf("%-14s %5s %7s %10s %8s %8s %13s %9s %10s\n", "config", "kills", "opened",
+                "integrity", "refused", "crashed", "acknowledged", "readable", "recovered");
     int crashes = 0;
     for (const Config& config : configs) {
-        const Tally t = runConfig(config, runs, random, dir);
+        const Tally t = runConfig(config, settings, random, dir);
         crashes += t.crashed;
-        std::printf("%-14s %5d %7d %10d %8d %8d %13lld %12.2f%%\n", config.name, t.runs, t.opened,
+        std::printf("%-14s %5d %7d %10d %8d %8d %13lld %8.2f%% ", config.name, t.runs, t.opened,
                     t.intact, t.refused, t.crashed, t.acknowledged,
-                    t.acknowledged ? 100.0 * double(t.readable) / double(t.acknowledged) : 100.0);
+                    percent(t.readable, t.acknowledged));
+        if (settings.tool.empty()) {
+            std::printf("%10s\n", "-");
+        } else {
+            std::printf("%9.2f%%\n", percent(t.recovered, t.acknowledged));
+        }
         std::fflush(stdout);
     }
     fs::remove_all(dir);

@@ -5,6 +5,7 @@ Times are checked in UTC; CTest sets TZ=UTC, and so does this script when run by
 """
 
 import base64
+import contextlib
 import json
 import os
 import pty
@@ -275,16 +276,18 @@ class ErrorTest(ToolTest):
                 (foreign, "not a log file"), (legacy, "legacy log file")]
 
     def test_bad_files_give_one_line_and_stay_as_they_were(self):
+        out = self.dir / "out.kvlog"
+        extra = {"slice": ["1", "2"], "recover": [out]}
         for path, reason in self.bad_files():
             before = path.read_bytes() if path.is_file() else None
-            for verb in (["info"], ["cat"], ["play"], ["meta"], ["bookmarks"], ["slice"]):
-                args = [*verb, path] + (["1", "2"] if verb == ["slice"] else [])
-                with self.subTest(file=path.name, verb=verb[0]):
-                    line = self.fails(1, *args)
+            for verb in ("info", "cat", "play", "meta", "bookmarks", "slice", "check", "recover"):
+                with self.subTest(file=path.name, verb=verb):
+                    line = self.fails(1, verb, path, *extra.get(verb, []))
                     self.assertIn(f": {path}: ", line)
                     self.assertIn(reason, line)
             self.assertEqual(path.read_bytes() if path.is_file() else None, before)
         self.assertFalse((self.dir / "missing.kvlog").exists())
+        self.assertFalse(out.exists())
 
     def test_bad_arguments_exit_with_2(self):
         path = self.recorded(sample_entries(count=4))
@@ -297,6 +300,8 @@ class ErrorTest(ToolTest):
                 (["slice", path, "3", "2"], "FIRST 3 comes after LAST 2"),
                 (["meta", path, "set", "k", "x1", "--int"], "'x1' is not a valid int"),
                 (["meta", path, "set", "k", "1", "--int", "--double"], "excludes"),
+                (["recover", path], "OUT is required"),
+                (["recover", path, self.dir / "new.kvlog", "--level", "-2"], "--level"),
                 (["info", path, "extra"], "extra")]
         for args, fragment in rows:
             with self.subTest(args=args):
@@ -310,7 +315,7 @@ class ErrorTest(ToolTest):
         taken = self.dir / "taken.bin"
         taken.write_bytes(b"keep me")
         for args in (["record", taken], ["slice", path, "1", "2", "-o", taken],
-                     ["clone", path, "-o", taken],
+                     ["clone", path, "-o", taken], ["recover", path, taken],
                      ["resources", path, "get", "notes", "-o", taken],
                      ["thumbnail", path, "get", "-o", taken]):
             with self.subTest(verb=args[0]):
@@ -540,6 +545,239 @@ class DemoTest(ToolTest):
                          b"thumbnail: PGM image, 96x64, 6.01 KiB\n")
         line = self.fails(1, "demo", folder)
         self.assertIn("drive.kvlog: exists already", line)
+
+
+def pages_of(path, table):
+    """The numbers of the leaf pages of `table`, in file order."""
+    with contextlib.closing(sqlite3.connect(f"file:{path}?mode=ro", uri=True)) as db:
+        return [number for (number,) in db.execute(
+            "SELECT pageno FROM dbstat WHERE name = ? AND pagetype = 'leaf' ORDER BY pageno",
+            (table,))]
+
+
+def page_size(data):
+    size = int.from_bytes(data[16:18], "big")
+    return 65536 if size == 1 else size
+
+
+def zero_page(number):
+    def damage(data):
+        size = page_size(data)
+        data[(number - 1) * size:number * size] = bytes(size)
+        return data
+    return damage
+
+
+def flip_bytes(offset, count):
+    def damage(data):
+        for index in range(offset, offset + count):
+            data[index] ^= 0x5A
+        return data
+    return damage
+
+
+def flip_first_cell(number, count):
+    """Flips bytes at the start of the cells of page `number`: what a row says of itself."""
+    def damage(data):
+        start = (number - 1) * page_size(data)
+        cells = start + int.from_bytes(data[start + 5:start + 7], "big")
+        return flip_bytes(cells, count)(data)
+    return damage
+
+
+def count_more_pages(more):
+    def damage(data):
+        count = int.from_bytes(data[28:32], "big")
+        data[28:32] = (count + more).to_bytes(4, "big")
+        return data
+    return damage
+
+
+class CheckAndRecoverTest(ToolTest):
+    """check reads a file without changing it; recover saves what can be read of a damaged file
+    into a new one, which must pass check, and leaves the damaged file as it was."""
+
+    def damaged(self, source, name, *damages):
+        data = bytearray(source.read_bytes())
+        for damage in damages:
+            data = damage(data)
+        path = self.dir / name
+        path.write_bytes(bytes(data))
+        return path
+
+    def check(self, path):
+        before = path.read_bytes()
+        result = run("check", path)
+        self.assertEqual(result.stderr, b"")
+        self.assertEqual(path.read_bytes(), before)
+        return result.returncode, result.stdout.decode()
+
+    def recover(self, path, *options):
+        before = path.read_bytes()
+        out = self.dir / f"{path.stem}-recovered.kvlog"
+        report = self.ok("recover", path, out, *options).decode()
+        self.assertEqual(path.read_bytes(), before)
+        self.assertTrue(report.startswith("saved "), report)
+        code, text = self.check(out)
+        self.assertEqual(code, 0, text)
+        return out, report
+
+    def entries(self, path):
+        """The entries as cat gives them, without their ids, which recovery renumbers."""
+        lines = self.ok("cat", path, "--format", "json").splitlines()
+        return [{k: v for k, v in json.loads(line).items() if k != "id"} for line in lines]
+
+    def bookmark_rows(self, path):
+        """Time, source and title of each bookmark: what survives renumbering."""
+        listing = self.ok("bookmarks", path).decode().splitlines()
+        return [line.split()[1:5] for line in listing[1:] if line != "no bookmarks"]
+
+    def annotated(self, name, level, count=200):
+        path = self.recorded(sample_entries(count=count), name, "--level", level)
+        for entry_id in (3, count - 10):
+            self.ok("bookmarks", path, "add", entry_id, f"mark{entry_id}")
+        notes = self.dir / "notes.txt"
+        notes.write_bytes(b"calibrated on the test bench\n" * 20)
+        self.ok("resources", path, "add", "notes", notes)
+        return path
+
+    def test_a_genuine_file_checks_ok_and_recovers_whole(self):
+        self.ok("demo", self.dir / "demo")
+        path = self.dir / "demo" / "drive.kvlog"
+        info = self.info(path)
+        self.assertEqual(self.check(path), (0, (
+            f"{path}: ok, {info['entryCount']} entries, {len(info['dataSources'])} data "
+            f"sources, {len(info['resources'])} resources, {info['bookmarkCount']} bookmarks\n")))
+        out, report = self.recover(path)
+        self.assertEqual(report, f"saved {info['entryCount']} entries into {out}\n")
+        copy = self.info(out)
+        for key in ("file", "fileSize"):
+            del info[key], copy[key]
+        self.assertEqual(copy, info)
+        self.assertEqual(self.ok("cat", out, "--format", "json"),
+                         self.ok("cat", path, "--format", "json"))
+        for verb in (["bookmarks"], ["meta"], ["resources", "get", "calibration.json"]):
+            self.assertEqual(self.ok(verb[0], out, *verb[1:]), self.ok(verb[0], path, *verb[1:]))
+
+        other, _ = self.recover(out, "--level", "0", "--app", "viewer", "--app-version", "9")
+        changed = self.info(other)
+        self.assertEqual((changed["compressionLevel"], changed["metadata"]["applicationName"],
+                          changed["metadata"]["oldApplicationName"],
+                          changed["metadata"]["oldApplicationVersion"]),
+                         (0, "viewer", "korvane-log demo", "1.0.0"))
+        self.assertEqual(self.entries(other), self.entries(path))
+
+    def test_damage_is_reported_and_everything_readable_is_saved(self):
+        for level in ("0", "5"):
+            source = self.annotated(f"log{level}.kvlog", level)
+            original = self.entries(source)
+            marks = self.bookmark_rows(source)
+            leaves = pages_of(source, "data")
+            rows = [
+                # damage, what check says, whether the ids lost are known
+                ("flipped", flip_first_cell(leaves[len(leaves) // 2], 24), "integrity_check: ",
+                 True),
+                ("zeroed", zero_page(leaves[len(leaves) // 3]), "integrity_check: ", True),
+                ("truncated", lambda data: data[:len(data) * 3 // 5 + 100],
+                 "the file ends inside page ", False),
+                ("counted past the end", count_more_pages(9), "header: its header counts ",
+                 True),
+            ]
+            for name, damage, says, lossKnown in rows:
+                with self.subTest(level=level, damage=name):
+                    path = self.damaged(source, f"{name} {level}.kvlog", damage)
+                    code, text = self.check(path)
+                    self.assertEqual(code, 1, text)
+                    self.assertIn(says, text)
+                    out, report = self.recover(path)
+                    saved = self.entries(out)
+                    times = {entry["timestamp"] for entry in saved}
+                    self.assertEqual(saved, [e for e in original if e["timestamp"] in times])
+                    self.assertTrue(report.startswith(f"saved {len(saved)} entries"), report)
+                    lost = len(original) - len(saved)
+                    if lossKnown and lost > 0:
+                        self.assertRegex(report, f"data: {lost} ids? of 1 to {len(original)} "
+                                                 "cannot be read")
+                        self.assertIn(f"{len(saved)} entries can be read", text)
+                    if not lossKnown:
+                        self.assertIn("data: its last pages cannot be read", report)
+                    # Bookmarks follow their entries to their new ids, or go with them.
+                    kept = [m for m in marks if any(e["time"].replace("T", " ").startswith(
+                        " ".join(m[:2])) for e in saved)]
+                    self.assertEqual(self.bookmark_rows(out), kept)
+                    if len(kept) < len(marks):
+                        self.assertIn(f"bookmarks: {len(marks) - len(kept)} bookmark", report)
+                    self.assertEqual(self.ok("resources", out, "get", "notes"),
+                                     self.ok("resources", source, "get", "notes"))
+            # A page count past the end is what a kill most often leaves: the library refuses
+            # such a file, though every row is intact.
+            self.assertIn("not a log file", self.fails(1, "info", self.dir /
+                                                       f"counted past the end {level}.kvlog"))
+            self.assertEqual(self.entries(self.dir / f"counted past the end {level}-recovered"
+                                                     ".kvlog"), original)
+
+    def test_a_payload_that_does_not_decode_is_skipped(self):
+        source = self.annotated("log.kvlog", "5")
+        with contextlib.closing(sqlite3.connect(source)) as db:
+            (stored,) = db.execute("SELECT payload FROM data WHERE entryId = 50").fetchone()
+        data = source.read_bytes()
+        self.assertEqual(data.count(stored), 1)
+        # The size that a compressed payload records: SQLite sees nothing wrong, zstd does.
+        path = self.damaged(source, "payload.kvlog", flip_bytes(data.index(stored) + 5, 1))
+        code, text = self.check(path)
+        self.assertEqual(code, 1, text)
+        self.assertIn("data: 1 entry does not decode (ids 50)", text)
+        self.assertNotIn("integrity_check", text)
+        _, report = self.recover(path)
+        self.assertEqual(report.splitlines()[:2], [
+            f"saved 199 entries into {self.dir / 'payload-recovered.kvlog'}",
+            "  data: 1 id of 1 to 200 cannot be read: 50"])
+
+    def test_an_unfinished_write_is_undone_on_the_copy(self):
+        source = self.annotated("log.kvlog", "0")
+        original = self.entries(source)
+        path = self.dir / "unfinished.kvlog"
+        path.write_bytes(source.read_bytes())
+        # A writer that dies inside a transaction whose pages spilled into the file leaves its
+        # rollback journal behind.
+        writer = subprocess.run([sys.executable, "-c", (
+            "import os, sqlite3, sys\n"
+            "db = sqlite3.connect(sys.argv[1], isolation_level=None)\n"
+            "db.execute('PRAGMA cache_size = 2')\n"
+            "db.execute('BEGIN')\n"
+            "db.execute('UPDATE data SET timestamp = timestamp + 1')\n"
+            "os._exit(0)\n"), path], check=True)
+        self.assertEqual(writer.returncode, 0)
+        journal = Path(f"{path}-journal")
+        before = journal.read_bytes()
+        code, text = self.check(path)
+        self.assertEqual(code, 1, text)
+        self.assertIn(f"journal: {journal} holds an unfinished write", text)
+        out, report = self.recover(path)
+        self.assertEqual(report, f"saved {len(original)} entries into {out}\n")
+        self.assertEqual(self.entries(out), original)
+        self.assertEqual(journal.read_bytes(), before)
+
+    def test_lost_sources_and_metadata_are_stood_in_for(self):
+        source = self.annotated("log.kvlog", "5")
+        path = self.damaged(source, "lost.kvlog", zero_page(pages_of(source, "dataSources")[0]),
+                            zero_page(pages_of(source, "metadata")[0]))
+        code, text = self.check(path)
+        self.assertEqual(code, 1, text)
+        for table in ("dataSources", "metadata"):
+            self.assertIn(f"{table}: some of its pages cannot be read", text)
+        out, report = self.recover(path)
+        # Without the metadata, each payload tells whether it is compressed.
+        original = self.entries(source)
+        saved = self.entries(out)
+        self.assertEqual([e["data"] for e in saved], [e["data"] for e in original])
+        names = {e["source"] for e in saved}
+        self.assertEqual(names, {f"recovered #{number}" for number in SOURCES.values()})
+        self.assertIn('dataSources: source 1 was lost; its entries are under the stand-in '
+                      '"recovered #1"', report)
+        info = self.info(out)
+        self.assertEqual((info["compressionLevel"], info["metadata"]["applicationName"]),
+                         (-1, "korvane-log"))
 
 
 if __name__ == "__main__":

@@ -96,6 +96,23 @@ struct PlayOptions {
 };
 int runPlay(const PlayOptions& options);
 
+// `check` reads a file without writing to it; exit code 1 when anything is wrong.
+struct CheckOptions {
+    std::string file;
+};
+int runCheck(const CheckOptions& options);
+
+// `recover` writes what can be read of a damaged file into a new one. What is not given is
+// taken over from the damaged file.
+struct RecoverOptions {
+    std::string file;
+    std::string output;
+    std::optional<std::string> applicationName;
+    std::optional<std::string> applicationVersion;
+    std::optional<int> compressionLevel;
+};
+int runRecover(const RecoverOptions& options);
+
 struct DemoOptions {
     std::string directory;  // a new temporary folder when empty
 };

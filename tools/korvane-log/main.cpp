@@ -228,6 +228,29 @@ void addPlay(CLI::App& app, ChosenVerb& chosen) {
         ->check(numberFrom(0));
 }
 
+void addCheckAndRecover(CLI::App& app, ChosenVerb& chosen) {
+    auto check = std::make_shared<CheckOptions>();
+    CLI::App* verb = addVerb(app, chosen, "check", check, runCheck, &CheckOptions::file);
+    verb->description("Look for damage: integrity, references, every row and payload");
+    verb->add_option("FILE", check->file, "Log file (only read)")->required();
+
+    auto recover = std::make_shared<RecoverOptions>();
+    verb = addVerb(app, chosen, "recover", recover, runRecover, &RecoverOptions::file);
+    verb->description("Save what can still be read of a damaged log file into a new one");
+    verb->add_option("DAMAGED", recover->file, "Damaged log file (only read)")->required();
+    verb->add_option("OUT", recover->output, "New log file")->required();
+    verb->add_option_function<std::string>(
+        "--app", [recover](const std::string& name) { recover->applicationName = name; },
+        "Application name of the new file (default: the damaged file's)");
+    verb->add_option_function<std::string>(
+        "--app-version", [recover](const std::string& v) { recover->applicationVersion = v; },
+        "Its version (default: the damaged file's)");
+    verb->add_option_function<int>(
+            "--level", [recover](int level) { recover->compressionLevel = level; },
+            "Compression level, -1 to 9 (default: the damaged file's)")
+        ->check(CLI::Range(-1, 9));
+}
+
 void addDemo(CLI::App& app, ChosenVerb& chosen) {
     auto options = std::make_shared<DemoOptions>();
     CLI::App* verb = addVerb(app, chosen, "demo", options, runDemo, &DemoOptions::directory);
@@ -283,6 +306,7 @@ int main(int argc, char** argv) {
     addResources(app, chosen);
     addThumbnail(app, chosen);
     addRecord(app, chosen);
+    addCheckAndRecover(app, chosen);
     addDemo(app, chosen);
 
     try {

@@ -11,9 +11,12 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <limits>
+#include <memory>
 #include <map>
 #include <random>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include "RawSqlite.h"
@@ -76,6 +79,21 @@ const std::string& fixture(const std::string& name, std::int64_t count, int sour
     }
     raw.exec("COMMIT;");
     return built.emplace(name, file).first->second;
+}
+
+// Writes the fixtures out and reads them once, so that the first timed run neither waits for
+// the write-back of the set-up nor reads from disk what later runs find in the page cache.
+void settleFixtures() {
+    ::sync();
+    std::vector<char> buffer(1 << 20);
+    for (const auto& entry : fs::directory_iterator(workDir)) {
+        std::FILE* file = std::fopen(entry.path().c_str(), "rb");
+        while (file != nullptr && std::fread(buffer.data(), 1, buffer.size(), file) > 0) {
+        }
+        if (file != nullptr) {
+            std::fclose(file);
+        }
+    }
 }
 
 // Runs `body` once per repetition after an untimed `setup`, and reports the time of `body`.
@@ -330,6 +348,19 @@ void addClone() {
         });
 }
 
+// Whichever side runs first would otherwise pay the kernel's first touch of every page that
+// its payloads land on, and glibc's moving mmap threshold would serve the two sides' megabyte
+// payloads differently. A fixed threshold and a heap touched once up front serve both alike.
+void prefaultHeap(std::size_t bytes) {
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);  // the largest fixed threshold glibc takes
+    mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+    std::vector<std::unique_ptr<std::uint8_t[]>> chunks;
+    for (std::size_t done = 0; done < bytes; done += 1 << 20) {
+        chunks.emplace_back(new std::uint8_t[1 << 20]);
+        std::memset(chunks.back().get(), 1, 1 << 20);
+    }
+}
+
 }  // namespace
 }  // namespace Korvane::Bench
 
@@ -343,7 +374,12 @@ int main(int argc, char** argv) {
             arguments.push_back(argv[i]);
         }
     }
+    // Repetitions of the library and of the baseline alternate in a random order, so that neither
+    // side always runs first on a machine whose caches it has to warm.
+    char interleave[] = "--benchmark_enable_random_interleaving=true";
+    arguments.insert(arguments.begin() + 1, interleave);
     int count = static_cast<int>(arguments.size());
+    prefaultHeap(quick ? (64 << 20) : (std::size_t{3} << 30));
     workDir = fs::temp_directory_path() / ("korvane-bench-" + std::to_string(::getpid()));
     fs::create_directories(workDir);
 
@@ -365,6 +401,7 @@ int main(int argc, char** argv) {
         }
     }
 
+    settleFixtures();
     benchmark::Initialize(&count, arguments.data());
     TableReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);

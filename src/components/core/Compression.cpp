@@ -45,9 +45,9 @@ ZSTD_DCtx& decompressionContext() {
 ByteArray compress(const std::uint8_t* data, std::size_t size, CompressionLevel level) {
     ZSTD_CCtx& context = compressionContext();
     const int zstdLevel = level == Default ? ZSTD_CLEVEL_DEFAULT : static_cast<int>(level);
-    ZSTD_CCtx_reset(&context, ZSTD_reset_session_and_parameters);
+    // Parameters stay set on the context: only the level changes between calls. The content
+    // size is recorded by default.
     ZSTD_CCtx_setParameter(&context, ZSTD_c_compressionLevel, zstdLevel);
-    ZSTD_CCtx_setParameter(&context, ZSTD_c_contentSizeFlag, 1);
 
     ByteArray compressed(ZSTD_compressBound(size));
     const std::size_t written =

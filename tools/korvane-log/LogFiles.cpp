@@ -40,7 +40,7 @@ std::string firstLineOf(const fs::path& file) {
 ToolError::ToolError(const fs::path& file, const std::string& reason)
     : std::runtime_error(file.string() + ": " + reason) {}
 
-std::unique_ptr<SqliteLogFile> openLog(const fs::path& file) {
+void refuseUnusablePath(const fs::path& file) {
     std::error_code error;
     const fs::file_status status = fs::status(file, error);
     if (error && error != std::errc::no_such_file_or_directory) {
@@ -56,6 +56,10 @@ std::unique_ptr<SqliteLogFile> openLog(const fs::path& file) {
     if (!fs::is_regular_file(status) || fs::file_size(file, error) == 0) {
         throw ToolError(file, "not a log file (empty or not a regular file)");
     }
+}
+
+std::unique_ptr<SqliteLogFile> openLog(const fs::path& file) {
+    refuseUnusablePath(file);
     try {
         return std::make_unique<SqliteLogFile>(file);
     } catch (const Korvane::Logging::LegacyLogFileError&) {

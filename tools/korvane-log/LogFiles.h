@@ -38,6 +38,10 @@ public:
 
 // Opens an existing log file. Refuses a missing path (which the library would create), a
 // directory, an empty file, a legacy file and a foreign file, each with its own reason.
+// Throws `ToolError` unless `file` is a non-empty regular file: a missing path, a directory or an
+// empty file is refused before anything opens it.
+void refuseUnusablePath(const fs::path& file);
+
 std::unique_ptr<SqliteLogFile> openLog(const fs::path& file);
 
 // What a new log file says about itself.

@@ -45,24 +45,6 @@ std::uint32_t bigEndian32(const unsigned char* bytes) {
            std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
 }
 
-// The path checks of `openLog`: nothing is read here that the library would not read either.
-void refuseUnusablePath(const fs::path& file) {
-    std::error_code error;
-    const fs::file_status status = fs::status(file, error);
-    if (error && error != std::errc::no_such_file_or_directory) {
-        throw ToolError(file, error.message());
-    }
-    if (!fs::exists(status)) {
-        throw ToolError(file, "no such file");
-    }
-    if (fs::is_directory(status)) {
-        throw ToolError(file, "is a directory, not a log file");
-    }
-    if (!fs::is_regular_file(status) || fs::file_size(file, error) == 0) {
-        throw ToolError(file, "not a log file (empty or not a regular file)");
-    }
-}
-
 // `file` as a URI for SQLite: "file:" and the absolute path, with what a URI reserves escaped.
 std::string fileUri(const fs::path& file) {
     std::string uri = "file:";

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "RawDatabase.h"
@@ -64,6 +66,43 @@ TEST_F(DatabaseTest, ValuesKeepTheirKindThroughBindAndRead) {
         EXPECT_EQ(select.getValueFromColumn(0), std::optional<ColumnValue>(rows[i].expected));
         EXPECT_EQ(select.executeStep(), SqliteQuery::Done);
         EXPECT_FALSE(select.getValueFromColumn(0).has_value());
+    }
+}
+
+// Another connection holds the file, as another process would: one that writes needs it alone,
+// one that reads shares it but keeps a writer from committing. Both are waited for.
+TEST_F(DatabaseTest, LocksOfOtherConnectionsAreWaitedFor) {
+    for (const char* hold : {"BEGIN EXCLUSIVE; INSERT INTO parent VALUES (2);",
+                             "BEGIN; SELECT COUNT(*) FROM parent;"}) {
+        SCOPED_TRACE(hold);
+        RawDatabase other(path("test.db"));
+        other.exec(hold);
+        std::thread release([&other] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            other.exec("COMMIT;");
+        });
+        SqliteQuery insert(*database, "INSERT INTO item VALUES (1, 'waited');");
+        EXPECT_EQ(insert.executeStep(), SqliteQuery::Done) << database->getLastErrorCode();
+        release.join();
+    }
+    EXPECT_EQ(RawDatabase(path("test.db")).value("SELECT COUNT(*) FROM item;"), "2");
+}
+
+// The size of a file opened for writing runs ahead of its pages, in whole MiB, so that a commit
+// cut off by a kill never leaves a header that counts pages past the end of the file.
+TEST_F(DatabaseTest, FilesOpenedForWritingGrowAheadOfTheirPages) {
+    constexpr std::uintmax_t step = 1 << 20;
+    for (const std::size_t bytes : {100u, 300'000u, 1'500'000u}) {
+        SqliteQuery insert(*database, "INSERT INTO item VALUES (1, :value);");
+        insert.bindParameter(":value", ByteArray(bytes, 7), SqliteQuery::BindMode::Copy);
+        ASSERT_EQ(insert.executeStep(), SqliteQuery::Done);
+        RawDatabase raw(path("test.db"));
+        const auto pages = std::stoull(raw.value("PRAGMA page_count;")) *
+                           std::stoull(raw.value("PRAGMA page_size;"));
+        const std::uintmax_t size = std::filesystem::file_size(path("test.db"));
+        EXPECT_GE(size, pages);
+        EXPECT_EQ(size % step, 0u) << size;
+        EXPECT_EQ(raw.value("PRAGMA integrity_check;"), "ok");
     }
 }
 

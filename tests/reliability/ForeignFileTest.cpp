@@ -741,7 +741,9 @@ TEST_F(ForeignFileTest, LogFilesTruncatedAtEveryPageBoundary) {
     const std::size_t pageSize = std::stoul(RawDatabase(genuine).value("PRAGMA page_size;"));
     const Bytes whole = readFileBytes(genuine);
     ASSERT_EQ(whole.size() % pageSize, 0u);
-    const std::size_t pages = whole.size() / pageSize;
+    // The file has grown ahead of its pages; what lies past them is never read.
+    const std::size_t pages = std::stoul(RawDatabase(genuine).value("PRAGMA page_count;"));
+    ASSERT_GE(whole.size(), pages * pageSize);
     ASSERT_GE(pages, 20u) << "the log file should span many pages";
 
     // Cut as a copy is cut, and also with the page count of the header made to match, as some

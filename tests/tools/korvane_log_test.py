@@ -585,9 +585,16 @@ def flip_first_cell(number, count):
     return damage
 
 
+def database_size(data):
+    """The bytes of the pages that the header counts; writers grow a file ahead of them."""
+    return int.from_bytes(data[28:32], "big") * page_size(data)
+
+
 def count_more_pages(more):
+    """A header that counts `more` pages past the end of the file."""
     def damage(data):
         count = int.from_bytes(data[28:32], "big")
+        del data[database_size(data):]
         data[28:32] = (count + more).to_bytes(4, "big")
         return data
     return damage
@@ -678,7 +685,7 @@ class CheckAndRecoverTest(ToolTest):
                 ("flipped", flip_first_cell(leaves[len(leaves) // 2], 24), "integrity_check: ",
                  True),
                 ("zeroed", zero_page(leaves[len(leaves) // 3]), "integrity_check: ", True),
-                ("truncated", lambda data: data[:len(data) * 3 // 5 + 100],
+                ("truncated", lambda data: data[:database_size(data) * 3 // 5 + 100],
                  "the file ends inside page ", False),
                 ("counted past the end", count_more_pages(9), "header: its header counts ",
                  True),

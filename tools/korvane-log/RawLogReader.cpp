@@ -283,7 +283,8 @@ std::string IdSet::text(std::size_t maxRuns) const {
 
 std::string DatabaseHeader::disagreement() const {
     std::string text;
-    if (pageCount != 0 && pageCount != pagesInFile()) {
+    // A file longer than its pages is sound: writers grow files ahead of their pages.
+    if (pageCount > pagesInFile()) {
         text = "its header counts " + std::to_string(pageCount) + " pages but the file holds " +
                std::to_string(pagesInFile());
     }
@@ -344,9 +345,12 @@ void copyWithRepairedHeader(const fs::path& damaged, const fs::path& copy) {
                             "cannot copy " + journal->string() + " here: " + error.message());
         }
     }
-    // The copy's own size counts: the damaged file may have grown meanwhile.
+    // The copy's own size counts: the damaged file may have grown meanwhile. A count within the
+    // file stands, and what lies past it, grown ahead of the pages, is cut off.
     const DatabaseHeader header = readDatabaseHeader(copy);
-    const std::uint64_t pages = header.pagesInFile();
+    const std::uint64_t pages = header.pageCount != 0 && header.pageCount <= header.pagesInFile()
+                                    ? header.pageCount
+                                    : header.pagesInFile();
     fs::resize_file(copy, pages * header.pageSize, error);
     std::fstream out(copy, std::ios::binary | std::ios::in | std::ios::out);
     const char count[4] = {static_cast<char>(pages >> 24), static_cast<char>(pages >> 16),
@@ -422,6 +426,9 @@ RawLogReader::RawLogReader(const fs::path& file, const fs::path& shownAs, Openin
     if (opened != SQLITE_OK) {
         refuse(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(opened));
     }
+    // A file that another process is writing is waited for, as the library waits.
+    constexpr int lockWaitMs = 60'000;
+    sqlite3_busy_timeout(database, lockWaitMs);
     // With the schema writable, SQLite takes a header that counts pages past the end of the file
     // for what the file holds instead of refusing it, and loads what it can of a damaged
     // schema. The connection stays read-only. Pages are checked as they are read, and the

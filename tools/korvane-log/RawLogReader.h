@@ -50,7 +50,8 @@ struct DatabaseHeader {
 
     // The pages the file holds, a trailing partial page counted as one.
     std::uint64_t pagesInFile() const { return (fileSize + pageSize - 1) / pageSize; }
-    // What is wrong with the header's idea of the file's size; empty when nothing is.
+    // What is wrong with the header's idea of the file's size; empty when nothing is. A file
+    // longer than the pages it counts is not wrong.
     std::string disagreement() const;
 };
 
@@ -63,8 +64,9 @@ DatabaseHeader readDatabaseHeader(const fs::path& file);
 std::optional<fs::path> unfinishedWrite(const fs::path& file);
 
 // Copies `damaged` to a new file `copy`, with the journal of an unfinished write, and makes the
-// copy's header agree with the copy: a trailing partial page is padded with zeros and the page
-// count becomes the pages it holds.
+// copy's header agree with the copy: a header that counts pages past its end then counts the
+// pages it holds, a trailing partial page padded with zeros; the room that a writer grew ahead of
+// its pages is cut off.
 void copyWithRepairedHeader(const fs::path& damaged, const fs::path& copy);
 
 // One row of a walk: its row id, then the columns that the walk asked for, counted from 0.

@@ -1,8 +1,11 @@
 #include "SqliteDatabase.h"
 
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 
+#include "GrowAheadVfs.h"
 #include "SqliteDatabaseImpl.h"
 
 namespace Korvane::Database {
@@ -50,7 +53,37 @@ void harden(sqlite3* connection, const std::string& path) {
     }
 }
 
+// How long a connection waits for a lock that another connection or process holds before its
+// statement fails with SQLITE_BUSY. A reader holds the file for one statement and a writer for
+// one commit, so a wait normally lasts microseconds to milliseconds; a read of a whole large file
+// in one statement can hold it for seconds. The bound is far above any of these, so that no
+// write is given up because somebody is reading, and still ends a wait behind a process that
+// keeps a transaction open for good, which then shows as a failure instead of a hang.
+constexpr std::chrono::seconds lockWaitLimit{60};
+
+// SQLite's busy handler: waits a little and asks to try again, until `lockWaitLimit`. The pauses
+// start short, since most locks are released within microseconds, and stay at a millisecond, so
+// that a waiting writer starts within a millisecond of the lock's release.
+int waitForLock(void* context, int attempt) {
+    using Clock = std::chrono::steady_clock;
+    auto& waitingSince = *static_cast<Clock::time_point*>(context);
+    const Clock::time_point now = Clock::now();
+    if (attempt == 0) {
+        waitingSince = now;
+    } else if (now - waitingSince >= lockWaitLimit) {
+        return 0;
+    }
+    const auto pause = std::chrono::microseconds(50 << std::min(attempt, 4));
+    std::this_thread::sleep_for(
+        std::min<std::chrono::microseconds>(pause, std::chrono::milliseconds(1)));
+    return 1;
+}
+
 }  // namespace
+
+std::string resultCodeText(std::int32_t code) {
+    return sqlite3_errstr(code);
+}
 
 FileIsNotDatabase::FileIsNotDatabase() : std::runtime_error("File is not a database.") {}
 
@@ -139,13 +172,17 @@ void SqliteDatabase::Impl::recordFailure(int code) const {
 
 SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode) : impl(new Impl) {
     const int flags = static_cast<int>(mode) | SQLITE_OPEN_FULLMUTEX;
-    const int code = sqlite3_open_v2(path.c_str(), &impl->connection, flags, nullptr);
+    // Files opened for writing grow ahead of their pages, so that a process killed in the
+    // middle of a commit leaves a file that opens.
+    const char* vfs = mode == OpenMode::ReadOnly ? nullptr : growAheadVfsName();
+    const int code = sqlite3_open_v2(path.c_str(), &impl->connection, flags, vfs);
     if (code != SQLITE_OK) {
         const std::string reason =
             impl->connection != nullptr ? sqlite3_errmsg(impl->connection) : sqlite3_errstr(code);
         throw openError(path, reason);
     }
     sqlite3_extended_result_codes(impl->connection, 1);
+    sqlite3_busy_handler(impl->connection, waitForLock, &impl->waitingForLockSince);
     harden(impl->connection, path);
 }
 

@@ -15,12 +15,18 @@ public:
 
 class SqliteQuery;
 
+// SQLite's own words for a result code: "database is locked" for 5.
+std::string resultCodeText(std::int32_t code);
+
 // One connection to an SQLite database file.
 //
 // The connection is serialised, so it may be used from several threads at once; each thread sees
-// the result code of its own latest failure. It is hardened for files from elsewhere: triggers,
-// views, extension loading and writes to the schema are refused. Compiled statements are kept in
-// a small cache keyed by their text and handed out to one query at a time.
+// the result code of its own latest failure. A lock that another connection or process holds is
+// waited for, up to a minute, instead of failing at once. Files opened for writing grow ahead of
+// their pages (see GrowAheadVfs.h), so that a killed writer leaves a file that opens. It is
+// hardened for files from elsewhere: triggers, views, extension loading and writes to the schema
+// are refused. Compiled statements are kept in a small cache keyed by their text and handed out to
+// one query at a time.
 class SqliteDatabase {
 public:
     enum class OpenMode : int {
@@ -45,6 +51,9 @@ public:
 
 private:
     friend class SqliteQuery;
+
+    // SQLite's own words for a result code: "database is locked" for 5.
+    std::string resultCodeText(std::int32_t code);
     struct Impl;
     std::unique_ptr<Impl> impl;
 };

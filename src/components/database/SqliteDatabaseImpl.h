@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -33,6 +34,9 @@ struct SqliteDatabase::Impl {
     std::mutex cacheMutex;
     std::vector<Slot> cache;
     std::uint64_t useCounter = 0;
+    // When the current wait for another connection's lock began; used under the connection's
+    // own mutex, by the busy handler alone.
+    std::chrono::steady_clock::time_point waitingForLockSince;
 
     ~Impl();
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
+#include <functional>
+#include <stdexcept>
 #include <utility>
 
 #include "../model/LegacyLogFileError.h"
@@ -26,6 +28,7 @@ using BindMode = SqliteQuery::BindMode;
 namespace {
 
 constexpr std::int32_t currentLogVersion = 4;
+constexpr int sqliteError = 1;
 constexpr int sqliteFull = 13;
 constexpr int sqliteIoErrorRead = 266;
 constexpr int sqliteIoErrorWrite = 778;
@@ -126,10 +129,18 @@ struct SqliteLogFile::Impl {
     }
 
     bool writeBookmark(const Bookmark& bookmark, const char* withPayload, const char* without);
+    bool addMetadata(const std::string& key, const PropertyValue& value);
+
+    // A value that decides how the file is read: "compressionLevel" or "logVersion"; empty when
+    // the file has none. A file that stays busy is refused rather than read at a wrong level.
+    std::optional<int> readSetting(const char* key);
 
     // Opens the connection, tells what the file is, gives a new file its schema and sets the
-    // connection up. `compressionLevel` and `logVersion` stay 0.
-    static std::unique_ptr<Impl> open(const std::filesystem::path& path);
+    // connection up. `compressionLevel` and `logVersion` stay 0. For a new file,
+    // `initialiseNewFile` runs right after the schema, in the same transaction, so that another
+    // process never finds the file half made.
+    static std::unique_ptr<Impl> open(const std::filesystem::path& path,
+                                      const std::function<void(Impl&)>& initialiseNewFile = {});
 };
 
 namespace {
@@ -152,35 +163,73 @@ std::string textColumn(const SqliteQuery& query, int column) {
     return getValueFromColumn<std::string>(query, column).value_or(std::string());
 }
 
-// True for a new database, false for a log file; throws `NotALogFileError` for anything else.
-bool classify(SqliteDatabase& database) {
-    SqliteQuery countQuery(database, Statements::countTables);
-    countQuery.executeStep();
-    const std::optional<int> tableCount = getValueFromColumn<int>(countQuery, 0);
-    if (!tableCount) {
-        throw NotALogFileError();  // the catalogue itself cannot be read
-    }
-    if (*tableCount == 0) {
+// Failures that say nothing about what the file holds: it stayed locked by another process, it
+// could not be read at this moment, or memory ran out.
+bool isPassingFailure(int code) {
+    constexpr int busy = 5, locked = 6, noMemory = 7, ioError = 10, cannotOpen = 14,
+                  lockProtocol = 15;
+    switch (code & 0xff) {
+    case busy:
+    case locked:
+    case noMemory:
+    case ioError:
+    case cannotOpen:
+    case lockProtocol:
         return true;
+    default:
+        return false;
     }
+}
+
+// Throws when the latest failure on `database` was a passing one, with SQLite's words for it.
+void refusePassingFailure(const SqliteDatabase& database) {
+    const int code = database.getLastErrorCode();
+    if (isPassingFailure(code)) {
+        throw std::runtime_error("Cannot read the file: " + Database::resultCodeText(code) + ".");
+    }
+}
+
+// A catalogue that cannot be read makes the file no log file, unless the failure was a passing
+// one: a file that is only busy or unreadable for a moment is reported as it is.
+[[noreturn]] void refuseUnreadable(const SqliteDatabase& database) {
+    refusePassingFailure(database);
+    throw NotALogFileError();
+}
+
+std::int32_t countTables(SqliteDatabase& database) {
+    SqliteQuery query(database, Statements::countTables);
+    query.executeStep();
+    const std::optional<int> count = getValueFromColumn<int>(query, 0);
+    if (!count) {
+        refuseUnreadable(database);
+    }
+    return *count;
+}
+
+// Throws `NotALogFileError` unless all six tables of a log file are there.
+void requireLogTables(SqliteDatabase& database) {
     SqliteQuery findQuery(database, Statements::findTable);
     int found = 0;
     for (const char* table : Statements::requiredTables) {
         findQuery.resetQuery();
         findQuery.bindParameter(":tableName", std::string(table), BindMode::Copy);
-        if (findQuery.executeStep() == SqliteQuery::Row) {
+        const SqliteQuery::QueryResult result = findQuery.executeStep();
+        if (result == SqliteQuery::Row) {
             ++found;
+        } else if (result == SqliteQuery::Error) {
+            refuseUnreadable(database);
         }
     }
     if (found < static_cast<int>(std::size(Statements::requiredTables))) {
         throw NotALogFileError();
     }
-    return false;
 }
 
-// A bookmarks table whose references cannot be checked is replaced by an empty one.
+// A bookmarks table whose references cannot be checked is replaced by an empty one. Only the
+// check's own verdict counts: a file that is busy, or damaged elsewhere, keeps its bookmarks.
 void checkBookmarksTable(SqliteDatabase& database) {
-    if (!database.executeSimpleQuery(Statements::checkBookmarks)) {
+    if (!database.executeSimpleQuery(Statements::checkBookmarks) &&
+        database.getLastErrorCode() == sqliteError) {
         database.executeSimpleQuery(Statements::dropBookmarks);
         database.executeSimpleQuery(Statements::createBookmarksTable);
     }
@@ -208,21 +257,35 @@ bool holdsBytesButNoDatabase(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(const std::filesystem::path& path) {
+std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(
+    const std::filesystem::path& path, const std::function<void(Impl&)>& initialiseNewFile) {
     const std::string narrowPath = path.string();
     try {
         auto impl = std::make_unique<Impl>(narrowPath, path);
         SqliteDatabase& database = impl->database;
         database.executeSimpleQuery(Statements::enableForeignKeys);
-        impl->isNewFile = classify(database);
-        if (impl->isNewFile && holdsBytesButNoDatabase(path)) {
-            throw Database::FileIsNotDatabase();
-        }
-        if (impl->isNewFile) {
-            for (const char* statement : Statements::schema) {
-                database.executeSimpleQuery(statement);
+        if (countTables(database) == 0) {
+            if (holdsBytesButNoDatabase(path)) {
+                throw Database::FileIsNotDatabase();
             }
-        } else {
+            // The schema and the first rows are written under one lock. Another process that
+            // found the file empty as well waits here, and then finds the whole log file.
+            database.executeSimpleQuery(Statements::beginImmediate);
+            impl->isNewFile = countTables(database) == 0;
+            if (impl->isNewFile) {
+                for (const char* statement : Statements::schema) {
+                    database.executeSimpleQuery(statement);
+                }
+                if (initialiseNewFile) {
+                    initialiseNewFile(*impl);
+                }
+            }
+            if (!database.executeSimpleQuery(Statements::commit)) {
+                database.executeSimpleQuery(Statements::rollback);
+            }
+        }
+        if (!impl->isNewFile) {
+            requireLogTables(database);
             checkBookmarksTable(database);
         }
         database.executeSimpleQuery(Statements::synchronousOff);
@@ -234,28 +297,48 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(const std::filesy
     refuseNonDatabase(path);
 }
 
+std::optional<int> SqliteLogFile::Impl::readSetting(const char* key) {
+    SqliteQuery query(database, Statements::selectMetadataValue);
+    query.bindParameter(":key", std::string(key), BindMode::Copy);
+    if (query.executeStep() == SqliteQuery::Error) {
+        refusePassingFailure(database);
+    }
+    auto value = query.getValueFromColumn(0);
+    if (!value) {
+        return std::nullopt;
+    }
+    return Database::requireType<int>(toPropertyValue(std::move(*value)));
+}
+
 SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath) : impl(Impl::open(filePath)) {
     if (impl->isNewFile) {
         return;
     }
-    const auto level = Database::requireType<int>(getMetadataValue("compressionLevel"));
-    impl->compressionLevel = static_cast<std::int8_t>(level.value_or(0));
-    const auto version = Database::requireType<int>(getMetadataValue("logVersion"));
-    impl->logVersion = version.value_or(0);
+    impl->compressionLevel =
+        static_cast<std::int8_t>(impl->readSetting("compressionLevel").value_or(0));
+    impl->logVersion = impl->readSetting("logVersion").value_or(0);
 }
 
 SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& timeZone,
                              const std::string& applicationName,
                              const std::string& applicationVersion, std::int8_t compressionLevel,
-                             std::int64_t creationTimeMs)
-    : SqliteLogFile(std::filesystem::path(filePath)) {
-    addMetadata("createdDateTime", PropertyValue{std::in_place_type<std::int64_t>, creationTimeMs});
-    addMetadata("applicationName", PropertyValue{applicationName});
-    addMetadata("applicationVersion", PropertyValue{applicationVersion});
-    addMetadata("currentTimeZone", PropertyValue{timeZone});
-    addMetadata("logVersion", PropertyValue{std::in_place_type<std::int32_t>, currentLogVersion});
-    addMetadata("compressionLevel",
-                PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
+                             std::int64_t creationTimeMs) {
+    const auto writeMetadata = [&](Impl& file) {
+        file.addMetadata("createdDateTime",
+                         PropertyValue{std::in_place_type<std::int64_t>, creationTimeMs});
+        file.addMetadata("applicationName", PropertyValue{applicationName});
+        file.addMetadata("applicationVersion", PropertyValue{applicationVersion});
+        file.addMetadata("currentTimeZone", PropertyValue{timeZone});
+        file.addMetadata("logVersion",
+                         PropertyValue{std::in_place_type<std::int32_t>, currentLogVersion});
+        file.addMetadata("compressionLevel",
+                         PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
+    };
+    impl = Impl::open(std::filesystem::path(filePath), writeMetadata);
+    if (!impl->isNewFile) {
+        // A log file stood at the path already: its own rows stay, the missing ones are added.
+        writeMetadata(*impl);
+    }
     impl->compressionLevel = compressionLevel;
     impl->logVersion = currentLogVersion;
 }
@@ -290,16 +373,20 @@ std::string SqliteLogFile::getLastError() const {
 
 // ---- Metadata ----
 
-bool SqliteLogFile::addMetadata(const std::string& key, PropertyValue value) {
-    SqliteQuery existing(impl->database, Statements::findMetadata);
+bool SqliteLogFile::Impl::addMetadata(const std::string& key, const PropertyValue& value) {
+    SqliteQuery existing(database, Statements::findMetadata);
     existing.bindParameter(":key", key, BindMode::NoCopy);
     if (existing.executeStep() == SqliteQuery::Row) {
         return false;
     }
-    SqliteQuery insert(impl->database, Statements::insertMetadata);
+    SqliteQuery insert(database, Statements::insertMetadata);
     insert.bindParameter(":key", key, BindMode::NoCopy);
     std::visit(BindParameterVisitor{insert, ":value", BindMode::Copy}, value);
-    return impl->executeWrite(insert);
+    return executeWrite(insert);
+}
+
+bool SqliteLogFile::addMetadata(const std::string& key, PropertyValue value) {
+    return impl->addMetadata(key, value);
 }
 
 std::optional<PropertyValue> SqliteLogFile::getMetadataValue(const std::string& key) const {
@@ -524,9 +611,14 @@ std::optional<ByteArray> SqliteLogFile::getThumbnail() const {
 }
 
 bool SqliteLogFile::setThumbnail(const ByteArray& data) {
-    SqliteQuery countQuery(impl->database, Statements::countThumbnails);
-    countQuery.executeStep();
-    const std::optional<int> count = getValueFromColumn<int>(countQuery, 0);
+    std::optional<int> count;
+    {
+        // The count is read and its statement reset before anything is written: a connection
+        // that holds a read open while it writes cannot wait for another process's lock.
+        SqliteQuery countQuery(impl->database, Statements::countThumbnails);
+        countQuery.executeStep();
+        count = getValueFromColumn<int>(countQuery, 0);
+    }
     if (!count) {
         impl->reportDatabaseError();
         return false;

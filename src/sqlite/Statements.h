@@ -37,6 +37,10 @@ constexpr const char* findTable =
 constexpr const char* checkBookmarks = "PRAGMA foreign_key_check(bookmarks);";
 constexpr const char* dropBookmarks = "DROP TABLE bookmarks;";
 constexpr const char* synchronousOff = "PRAGMA synchronous = OFF;";
+// Making a new file: its schema and first rows are written in one transaction.
+constexpr const char* beginImmediate = "BEGIN IMMEDIATE;";
+constexpr const char* commit = "COMMIT;";
+constexpr const char* rollback = "ROLLBACK;";
 constexpr const char* journalInMemory = "PRAGMA journal_mode = MEMORY;";
 
 // Metadata.

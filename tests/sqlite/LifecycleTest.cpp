@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "LogFiles.h"
 #include "RawDatabase.h"
 #include "TempDir.h"
+#include "components/core/Compression.h"
 #include "model/LegacyLogFileError.h"
 #include "model/NotALogFileError.h"
 #include "sqlite/SqliteLogFile.h"
@@ -183,6 +187,85 @@ TEST_F(LifecycleTest, BookmarksWhoseReferencesCannotBeCheckedAreReplaced) {
     SqliteLogFile kept(std::filesystem::path{path("dangling.log")});
     ASSERT_EQ(kept.getBookmarks().size(), 1u);
     EXPECT_EQ(kept.getBookmarks()[0].title, "kept");
+}
+
+// Runs `hold` on another connection to `file`, as another process would, and commits it after a
+// moment, while the caller opens the file.
+class OtherConnection {
+public:
+    OtherConnection(const std::string& file, const std::string& hold) : raw(file) {
+        raw.exec(hold);
+        release = std::thread([this] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            raw.exec("COMMIT;");
+        });
+    }
+    ~OtherConnection() { release.join(); }
+
+    RawDatabase raw;
+
+private:
+    std::thread release;
+};
+
+TEST_F(LifecycleTest, AFileThatIsBusyOrDamagedElsewhereKeepsItsBookmarks) {
+    {
+        auto log = create("busy.log");
+        DataSource source{-1, KV_LogDataSourceType{1}, "imu"};
+        ASSERT_TRUE(log->addDataSource(source));
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_TRUE(log->logData(DataEntry{0, source.id, 1, ByteArray(500, 1), i}));
+        }
+        ASSERT_TRUE(log->addBookmark(Bookmark{150, "brake", "", {}}));
+    }
+    {
+        // A writer holds the file while it is opened: the open waits, and is no refusal.
+        OtherConnection writer(path("busy.log"), "BEGIN EXCLUSIVE;");
+        SqliteLogFile log(std::filesystem::path{path("busy.log")});
+        EXPECT_EQ(log.getBookmarks().size(), 1u);
+    }
+    // Pages of entries that cannot be read fail the check of the bookmarks' references, which is
+    // no fault of the bookmarks table.
+    {
+        RawDatabase raw(path("busy.log"));
+        const auto pageSize = std::stoll(raw.value("PRAGMA page_size;"));
+        auto bytes = Testing::readFileBytes(path("busy.log"));
+        for (const auto& leaf :
+             raw.rows("SELECT pageno FROM dbstat WHERE name = 'data' AND pagetype = 'leaf';")) {
+            std::fill_n(bytes.begin() + (std::stoll(leaf[0]) - 1) * pageSize, pageSize,
+                        std::uint8_t{0});
+        }
+        Testing::writeFileBytes(path("busy.log"), bytes);
+    }
+    SqliteLogFile damaged(std::filesystem::path{path("busy.log")});
+    ASSERT_EQ(damaged.getBookmarks().size(), 1u);
+    EXPECT_EQ(damaged.getBookmarks()[0].title, "brake");
+}
+
+// A file that another process is making is opened only when it is whole: its level is read from
+// the metadata that the maker writes with the schema.
+TEST_F(LifecycleTest, AFileBeingMadeIsOpenedWhenItIsWhole) {
+    const ByteArray bytes = Testing::sensorBytes(3000);
+    const ByteArray stored = Compression::compress(bytes, Compression::CompressionLevel{3});
+    std::string make = "BEGIN IMMEDIATE;";
+    for (const char* statement : Statements::schema) {
+        make += statement;
+    }
+    make +=
+        "INSERT INTO metadata VALUES ('logVersion', 4), ('compressionLevel', 3);"
+        "INSERT INTO dataSources VALUES (1, 1, 'imu');"
+        "INSERT INTO data VALUES (1, 5, 2, 1, " +
+        std::to_string(stored.size()) + ", x'";
+    for (const std::uint8_t byte : stored) {
+        static const char digits[] = "0123456789abcdef";
+        make += {digits[byte >> 4], digits[byte & 15]};
+    }
+    make += "');";
+    OtherConnection maker(path("made.log"), make);
+    const SqliteLogFile log(std::filesystem::path{path("made.log")});
+    const std::optional<DataEntry> entry = log.readEntry(1);
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_EQ(entry->data, bytes);
 }
 
 }  // namespace

@@ -30,6 +30,16 @@ struct CatOptions {
 };
 int runCat(const CatOptions& options);
 
+// `tail` prints the entries already in a file, or the last `lines` of them, and then each new
+// one as another process records it, until Ctrl-C. Fails when the file is removed or replaced.
+struct TailOptions {
+    std::string file;
+    std::vector<std::string> sources;
+    std::string format = "table";
+    std::int64_t lines = -1;  // -1: all
+};
+int runTail(const TailOptions& options);
+
 struct RecordOptions {
     std::string output;
     NewFileIdentity identity;

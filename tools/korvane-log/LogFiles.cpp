@@ -18,9 +18,14 @@ namespace KorvaneLog {
 
 namespace {
 
-// Entries read per query while walking a file: enough to keep queries few, few enough that a
-// batch of camera frames stays a few megabytes.
-constexpr std::ptrdiff_t entriesPerBatch = 64;
+// A walk reads a window of ids per query. Another process that records into the file waits
+// for each query to end, so a window is kept small enough to be read in about a millisecond or
+// two: it starts at a few ids, doubles while its entries come to less than a MiB, and halves when
+// they pass 8 MiB, up to 4096 ids.
+constexpr std::int64_t firstWindow = 16;
+constexpr std::int64_t widestWindow = 4096;
+constexpr std::uint64_t smallWindowBytes = 1 << 20;
+constexpr std::uint64_t largeWindowBytes = 8 << 20;
 
 std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -197,21 +202,34 @@ std::vector<std::int8_t> resolveSources(const LogFileInterface& log,
 
 void forEachEntry(const LogFileInterface& log, const EntryRange& range,
                   const std::function<bool(const DataEntry&)>& visit) {
-    const std::vector<std::int32_t> ids = log.getEntryIndex(range.filter);
-    auto begin =
-        range.first < 0 ? ids.begin() : std::lower_bound(ids.begin(), ids.end(), range.first);
-    auto end = range.last < 0 ? ids.end() : std::upper_bound(begin, ids.end(), range.last);
-    if (range.limit >= 0 && end - begin > range.limit) {
-        end = begin + range.limit;
+    const std::int64_t first = range.first < 0 ? log.getFirstEntryId() : range.first;
+    const std::int64_t last = range.last < 0 ? log.getLastEntryId() : range.last;
+    if (first < 0 || last < first) {
+        return;
     }
-    while (begin < end) {
-        const auto batchEnd = begin + std::min(entriesPerBatch, end - begin);
-        for (const DataEntry& entry : log.readEntries(*begin, *(batchEnd - 1), range.filter, -1)) {
+    std::int64_t remaining = range.limit;
+    std::int64_t window = firstWindow;
+    for (std::int64_t from = first; from <= last && remaining != 0;) {
+        const std::int64_t to = std::min(last, from + window - 1);
+        const std::int64_t limit = remaining >= 0 && remaining < window ? remaining : -1;
+        std::uint64_t bytes = 0;
+        for (const DataEntry& entry :
+             log.readEntries(static_cast<std::int32_t>(from), static_cast<std::int32_t>(to),
+                             range.filter, static_cast<std::int32_t>(limit))) {
+            bytes += entry.data.size();
             if (!visit(entry)) {
                 return;
             }
+            if (remaining > 0) {
+                --remaining;
+            }
         }
-        begin = batchEnd;
+        if (bytes < smallWindowBytes) {
+            window = std::min(window * 2, widestWindow);
+        } else if (bytes > largeWindowBytes) {
+            window = std::max<std::int64_t>(window / 2, 1);
+        }
+        from = to + 1;
     }
 }
 

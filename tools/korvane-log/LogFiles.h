@@ -97,8 +97,10 @@ struct EntryRange {
     EntryIndexFilter filter;
 };
 
-// Calls `visit` with each selected entry in id order, reading a bounded batch at a time so that
-// files larger than memory can be walked. Stops early when `visit` returns false.
+// Calls `visit` with each selected entry in id order, reading a small window of ids per query, so
+// that files larger than memory can be walked and a process recording into the file waits for
+// no more than one short query. The ends of the range are read when the walk starts: entries
+// recorded meanwhile past its end are not visited. Stops early when `visit` returns false.
 void forEachEntry(const LogFileInterface& log, const EntryRange& range,
                   const std::function<bool(const DataEntry&)>& visit);
 

@@ -95,6 +95,20 @@ void addCat(CLI::App& app, ChosenVerb& chosen) {
         ->check(CLI::IsMember({"table", "json", "hex", "raw"}));
 }
 
+void addTail(CLI::App& app, ChosenVerb& chosen) {
+    auto options = std::make_shared<TailOptions>();
+    CLI::App* verb = addVerb(app, chosen, "tail", options, runTail, &TailOptions::file);
+    verb->description("Print the entries of a file, then each new one as it is recorded");
+    verb->add_option("FILE", options->file, "Log file")->required();
+    verb->add_option("-n,--lines", options->lines,
+                     "Begin with the last N entries already there (0: only new ones)")
+        ->check(numberFrom(0));
+    addRepeated(verb, "--source", options->sources, "Only entries of this source (name or id)");
+    verb->add_option("--format", options->format, "table (the default) or json")
+        ->check(CLI::IsMember({"table", "json"}));
+    verb->footer("Follows the file until Ctrl-C; fails if the file is removed or replaced.");
+}
+
 void addIdentityOptions(CLI::App* verb, NewFileIdentity& identity) {
     verb->add_option("--app", identity.applicationName, "Application name of the new file");
     verb->add_option("--app-version", identity.applicationVersion, "Its version");
@@ -299,6 +313,7 @@ int main(int argc, char** argv) {
     ChosenVerb chosen;
     addInfo(app, chosen);
     addCat(app, chosen);
+    addTail(app, chosen);
     addPlay(app, chosen);
     addSliceAndClone(app, chosen);
     addMeta(app, chosen);

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <thread>
 
 namespace KorvaneLog {
 
@@ -57,8 +58,19 @@ void refuseUnusablePath(const fs::path& file) {
     if (fs::is_directory(status)) {
         throw ToolError(file, "is a directory, not a log file");
     }
-    // The library would give an empty file the schema of a new log: leave it untouched.
-    if (!fs::is_regular_file(status) || fs::file_size(file, error) == 0) {
+    // The library would give an empty file the schema of a new log: leave it untouched. A file
+    // that another process has just created is empty until its first commit, a moment later.
+    const auto emptyFor = [&file, &error](std::chrono::milliseconds patience) {
+        const auto until = std::chrono::steady_clock::now() + patience;
+        while (fs::file_size(file, error) == 0 && !error) {
+            if (std::chrono::steady_clock::now() >= until) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return static_cast<bool>(error);
+    };
+    if (!fs::is_regular_file(status) || emptyFor(std::chrono::milliseconds(200))) {
         throw ToolError(file, "not a log file (empty or not a regular file)");
     }
 }

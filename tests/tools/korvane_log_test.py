@@ -16,6 +16,7 @@ import sqlite3
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 from pathlib import Path
 
@@ -257,6 +258,56 @@ class CatTest(ToolTest):
         self.assertIn("00000000  41 42 00 ff 68 65 6c 6c  6f 2c 20 77 6f 72 6c 64  "
                       "|AB..hello, world|", dump)
         self.assertIn("00000010  21 7f", dump)
+
+
+class TailTest(ToolTest):
+    """tail shows a recording as it grows, whoever writes it, and ends when the file goes."""
+
+    def test_tail_follows_a_recording_until_the_file_is_removed(self):
+        path = self.dir / "live.kvlog"
+        entries = sample_entries(40)
+        lines = json_lines(entries).splitlines(keepends=True)
+        recorder = subprocess.Popen([TOOL, "record", path], stdin=subprocess.PIPE,
+                                    stdout=subprocess.DEVNULL)
+        recorder.stdin.write(lines[0])
+        recorder.stdin.flush()
+        while not path.exists() or path.stat().st_size == 0:
+            time.sleep(0.01)
+        tail = subprocess.Popen([TOOL, "tail", path, "--format", "json", "--source", "imu"],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        for line in lines[1:]:
+            recorder.stdin.write(line)
+            recorder.stdin.flush()
+            time.sleep(0.005)
+        recorder.stdin.close()
+        self.assertEqual(recorder.wait(timeout=60), 0)
+        expected = [index + 1 for index, entry in enumerate(entries) if entry["source"] == "imu"]
+        seen = [json.loads(tail.stdout.readline())["id"] for _ in expected]
+        self.assertEqual(seen, expected)
+
+        path.unlink()
+        self.assertEqual(tail.wait(timeout=60), 1)
+        self.assertEqual(tail.stdout.read(), b"")
+        self.assertEqual(tail.stderr.read().decode(),
+                         f"korvane-log: {path}: was removed while it was followed\n")
+
+    def test_tail_begins_with_the_last_entries_asked_for(self):
+        path = self.recorded(sample_entries(12), "log.kvlog", "--level", "0")
+        # With -n 0 only new entries show: one written here, by a writer other than the tool.
+        append = ("INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
+                  "VALUES (1, 1, 1, 1, x'2a')")
+        for lines, ids in (("3", [10, 11, 12]), ("50", list(range(1, 13))), ("0", [13])):
+            with self.subTest(lines=lines):
+                tail = subprocess.Popen([TOOL, "tail", path, "-n", lines, "--format", "json"],
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                if lines == "0":
+                    time.sleep(1)  # ample time for tail to take the last id as its start
+                    with contextlib.closing(sqlite3.connect(path)) as db, db:
+                        db.execute(append)
+                seen = [json.loads(tail.stdout.readline())["id"] for _ in ids]
+                tail.send_signal(signal.SIGINT)
+                self.assertEqual(tail.wait(timeout=60), 0)
+                self.assertEqual(seen + [json.loads(line)["id"] for line in tail.stdout], ids)
 
 
 class ErrorTest(ToolTest):

@@ -59,6 +59,11 @@ constexpr const char* insertData =
     "INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
     "VALUES (:timestamp, :type, :dataSourceId, :length, :payload);";
 
+// A batch of entries is written in one transaction. IMMEDIATE takes the write lock at the start.
+constexpr const char* beginImmediate = "BEGIN IMMEDIATE;";
+constexpr const char* commit = "COMMIT;";
+constexpr const char* rollback = "ROLLBACK;";
+
 // Reading entries. The filtered reads are put together from these fragments.
 constexpr const char* countHead =
     "SELECT COUNT(*) FROM data INNER JOIN dataSources ON data.dataSourceId = "

@@ -83,9 +83,13 @@ std::unique_ptr<SqliteLogFile> createLog(const fs::path& file, const NewFileIden
     }
 }
 
+ToolError refusal(const LogFileInterface& log, const std::string& action) {
+    return ToolError(log.getFilePath(), "cannot " + action + ": " + log.getLastError());
+}
+
 void requireSuccess(bool done, const LogFileInterface& log, const std::string& action) {
     if (!done) {
-        throw ToolError(log.getFilePath(), "cannot " + action + ": " + log.getLastError());
+        throw refusal(log, action);
     }
 }
 
@@ -196,7 +200,7 @@ std::vector<std::int8_t> resolveSources(const LogFileInterface& log,
 }
 
 void forEachEntry(const LogFileInterface& log, const EntryRange& range,
-                  const std::function<bool(const DataEntry&)>& visit) {
+                  const std::function<bool(DataEntry&&)>& visit) {
     const std::vector<std::int32_t> ids = log.getEntryIndex(range.filter);
     auto begin =
         range.first < 0 ? ids.begin() : std::lower_bound(ids.begin(), ids.end(), range.first);
@@ -206,8 +210,8 @@ void forEachEntry(const LogFileInterface& log, const EntryRange& range,
     }
     while (begin < end) {
         const auto batchEnd = begin + std::min(entriesPerBatch, end - begin);
-        for (const DataEntry& entry : log.readEntries(*begin, *(batchEnd - 1), range.filter, -1)) {
-            if (!visit(entry)) {
+        for (DataEntry& entry : log.readEntries(*begin, *(batchEnd - 1), range.filter, -1)) {
+            if (!visit(std::move(entry))) {
                 return;
             }
         }

@@ -75,9 +75,9 @@ public:
     // true. An exception (from compression, or `FileIsNotDatabase`) rolls the batch back before
     // it leaves. `entryId` is not read, as for `logData`.
     //
-    // In a compressed file, payloads that add up to a megabyte or more are compressed on two
-    // threads: the caller's and one that lives for the call. The stored bytes are those that
-    // `logData` stores.
+    // In a compressed file on a machine of more than one core, payloads that add up to a
+    // megabyte or more are compressed on two threads: the caller's and one that lives for the
+    // call. The stored bytes are those that `logData` stores.
     //
     // What a batch costs another process: it holds the file's write lock from its start to its
     // end, so another writer waits for the whole batch. Readers go on reading the file as it was

@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +23,7 @@
 #include "RawSqlite.h"
 #include "algorithms/Algorithms.h"
 #include "sqlite/SqliteLogFile.h"
+#include "sqlite/Statements.h"
 
 namespace Korvane::Bench {
 namespace {
@@ -113,6 +115,10 @@ struct Row {
     double entries;
     double bytes;
     double target;
+    // The row whose library side this one's library side is compared with, and the least
+    // speed-up expected over it; none when empty.
+    std::string speedupOver = {};
+    double speedupTarget = 0;
 };
 std::vector<Row> rows;
 std::map<std::string, double> medians;  // seconds, by benchmark name
@@ -162,21 +168,45 @@ public:
                         row.target > 0 ? std::to_string(row.target).substr(0, 4).c_str() : "-",
                         row.target > 0 && ratio < row.target ? "  below target" : "");
         }
+        for (const Row& row : rows) {
+            const double library = medians[row.name + "/library"];
+            const double other = medians[row.speedupOver + "/library"];
+            const auto over = std::find_if(rows.begin(), rows.end(),
+                                           [&](const Row& r) { return r.name == row.speedupOver; });
+            if (row.speedupOver.empty() || library <= 0 || other <= 0 || over == rows.end()) {
+                continue;
+            }
+            const double speedup = (row.entries / library) / (over->entries / other);
+            const std::string target =
+                row.speedupTarget > 0 ? ", target " + std::to_string(int(row.speedupTarget)) + "x"
+                                      : std::string();
+            std::printf("%-44s %6.1fx %s%s%s\n", row.label.c_str(), speedup,
+                        row.speedupOver.c_str(), target.c_str(),
+                        speedup < row.speedupTarget ? "  below target" : "");
+        }
     }
 };
 
 // ---- Writing ----
 
-void addWrite(const std::string& name, const std::string& label, std::int64_t count,
-              std::size_t size, int level, double target) {
+// `count` entries of `size` bytes at `level`: one `logData` each when `batchSize` is 0, else
+// `logEntries` of `batchSize` entries, against the same inserts in one transaction per batch.
+void addWrite(Row row, std::size_t size, int level, std::int64_t batchSize = 0) {
+    const auto count = static_cast<std::int64_t>(row.entries);
+    row.bytes = row.entries * static_cast<double>(size);
     const ByteArray payload = size == 64 ? smallPayload(7) : sensorFrame(size, 7);
-    const std::string file = (workDir / (name + ".log")).string();
+    const std::string file = (workDir / (row.name + ".log")).string();
     const auto fresh = [file] { fs::remove(file); };
-    add({name, label, double(count), double(count) * double(size), target}, 3,
+    const std::int64_t perCall = std::max<std::int64_t>(batchSize, 1);
+    std::vector<DataEntry> batch(static_cast<std::size_t>(perCall));
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        batch[i] = DataEntry{0, 1, 1, payload, static_cast<std::int64_t>(i)};
+    }
+    // A batched run takes about a second; more repetitions steady its median.
+    add(row, batchSize == 0 ? 3 : 5,
         [=](benchmark::State& state) {
             std::unique_ptr<SqliteLogFile> log;
-            DataEntry entry;
-            entry.data = payload;
+            std::vector<DataEntry> entries = batch;
             timed(
                 state,
                 [&] {
@@ -186,12 +216,18 @@ void addWrite(const std::string& name, const std::string& label, std::int64_t co
                                                           static_cast<std::int8_t>(level), 0);
                     DataSource source{-1, KV_LogDataSourceType{1}, "source"};
                     log->addDataSource(source);
-                    entry.dataSourceId = source.id;
+                    for (DataEntry& entry : entries) {
+                        entry.dataSourceId = source.id;
+                    }
                 },
                 [&] {
-                    for (std::int64_t i = 0; i < count; ++i) {
-                        entry.timestamp = i;
-                        log->logData(entry);
+                    for (std::int64_t done = 0; done < count; done += perCall) {
+                        if (batchSize == 0) {
+                            entries[0].timestamp = done;
+                            log->logData(entries[0]);
+                        } else {
+                            log->logEntries(entries);
+                        }
                     }
                 });
         },
@@ -207,8 +243,16 @@ void addWrite(const std::string& name, const std::string& label, std::int64_t co
                     source = raw->addSource(1, "source");
                 },
                 [&] {
-                    for (std::int64_t i = 0; i < count; ++i) {
-                        raw->log(i, 1, source, payload, level);
+                    for (std::int64_t done = 0; done < count; done += perCall) {
+                        if (batchSize == 0) {
+                            raw->log(done, 1, source, payload, level);
+                            continue;
+                        }
+                        raw->exec(Logging::Statements::beginImmediate);
+                        for (const DataEntry& entry : batch) {
+                            raw->log(entry.timestamp, entry.type, source, entry.data, level);
+                        }
+                        raw->exec(Logging::Statements::commit);
                     }
                 });
         });
@@ -383,10 +427,20 @@ int main(int argc, char** argv) {
     workDir = fs::temp_directory_path() / ("korvane-bench-" + std::to_string(::getpid()));
     fs::create_directories(workDir);
 
-    addWrite("W1", "W1 logData 64 B, level 0", scaled(200000), 64, 0, 0.90);
-    addWrite("W2", "W2 logData 1 MiB, level 0", scaled(500), 1 << 20, 0, 0.95);
-    addWrite("W3-1", "W3 logData 64 KiB sensor frame, level -1", scaled(2000), 64 << 10, -1, 0.95);
-    addWrite("W3-9", "W3 logData 64 KiB sensor frame, level 9", scaled(500), 64 << 10, 9, 0.95);
+    const auto entries = [](std::int64_t full) { return static_cast<double>(scaled(full)); };
+    addWrite({"W1", "W1 logData 64 B, level 0", entries(200000), 0, 0.90}, 64, 0);
+    // Batches of 1,000 through logEntries, beside W1.
+    addWrite({"W4-64-0", "W4 logEntries 64 B, level 0", entries(1000000), 0, 0.90, "W1", 15}, 64,
+             0, 1000);
+    addWrite({"W4-64-1", "W4 logEntries 64 B, level -1", entries(1000000), 0, 0.90, "W1", 0},
+             64, -1, 1000);
+    addWrite({"W4-4k-0", "W4 logEntries 4 KiB, level 0", entries(100000), 0, 0.90}, 4096, 0, 1000);
+    addWrite({"W4-4k-1", "W4 logEntries 4 KiB, level -1", entries(100000), 0, 0}, 4096, -1, 1000);
+    addWrite({"W2", "W2 logData 1 MiB, level 0", entries(500), 0, 0.95}, 1 << 20, 0);
+    addWrite({"W3-1", "W3 logData 64 KiB sensor frame, level -1", entries(2000), 0, 0.95}, 64 << 10,
+             -1);
+    addWrite({"W3-9", "W3 logData 64 KiB sensor frame, level 9", entries(500), 0, 0.95}, 64 << 10,
+             9);
     addReadAll("R1-small", "R1 readEntries, 64 B entries", scaled(1000000), 64, 0.70);
     addReadAll("R1-large", "R1 readEntries, 1 MiB entries", scaled(2000), 1 << 20, 0.90);
     addRandomReads(scaled(1000000), 0.80);

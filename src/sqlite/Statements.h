@@ -37,10 +37,6 @@ constexpr const char* findTable =
 constexpr const char* checkBookmarks = "PRAGMA foreign_key_check(bookmarks);";
 constexpr const char* dropBookmarks = "DROP TABLE bookmarks;";
 constexpr const char* synchronousOff = "PRAGMA synchronous = OFF;";
-// Making a new file: its schema and first rows are written in one transaction.
-constexpr const char* beginImmediate = "BEGIN IMMEDIATE;";
-constexpr const char* commit = "COMMIT;";
-constexpr const char* rollback = "ROLLBACK;";
 constexpr const char* journalInMemory = "PRAGMA journal_mode = MEMORY;";
 
 // Metadata.
@@ -62,6 +58,12 @@ constexpr const char* insertDataSourceProperty =
 constexpr const char* insertData =
     "INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
     "VALUES (:timestamp, :type, :dataSourceId, :length, :payload);";
+
+// A batch of entries, and a new file's schema with its first rows, are each written in one
+// transaction. IMMEDIATE takes the write lock at the start.
+constexpr const char* beginImmediate = "BEGIN IMMEDIATE;";
+constexpr const char* commit = "COMMIT;";
+constexpr const char* rollback = "ROLLBACK;";
 
 // Reading entries. The filtered reads are put together from these fragments.
 constexpr const char* countHead =

@@ -73,6 +73,21 @@ def json_lines(entries):
     return ("\n".join(lines) + "\n").encode()
 
 
+def entries_within(path, count, seconds):
+    """The number of entries in the log file at `path` once it holds `count`, or after
+    `seconds`; read from outside while another process writes it."""
+    found = None
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline and found != count:
+        try:
+            with contextlib.closing(sqlite3.connect(f"file:{path}?mode=ro", uri=True)) as db:
+                found = db.execute("SELECT COUNT(*) FROM data").fetchone()[0]
+        except sqlite3.Error:  # not created yet, or locked for a moment
+            pass
+        time.sleep(0.01)
+    return found
+
+
 class ToolTest(unittest.TestCase):
     """Gives every test a folder of its own and helpers to run the tool in it."""
 
@@ -160,6 +175,24 @@ class RecordAndInfoTest(ToolTest):
         self.assertEqual([(e["source"], e["sourceId"], e["sourceType"], e["type"], e["data"])
                           for e in entries],
                          [("a", 1, 0, 0, "AQ=="), ("b", 2, 7, 0, ""), ("a", 1, 0, 3, "AgM=")])
+
+    def test_record_writes_each_line_while_the_input_stays_open(self):
+        path = self.dir / "live.kvlog"
+        process = subprocess.Popen([TOOL, "record", str(path)], stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            for count, entry in enumerate(sample_entries(count=2), start=1):
+                process.stdin.write(json_lines([entry]))
+                process.stdin.flush()
+                self.assertEqual(entries_within(path, count, seconds=10), count)
+                self.assertIsNone(process.poll(), "the input is still open")
+            out, err = process.communicate(timeout=60)
+        finally:
+            if process.poll() is None:
+                process.kill()
+                process.communicate()
+        self.assertEqual(process.returncode, 0, err)
+        self.assertEqual(out, f"recorded 2 entries from 1 sources into {path}\n".encode())
 
     def test_json_output_parses_with_json_tool_and_jq(self):
         path = self.recorded(sample_entries(count=12))

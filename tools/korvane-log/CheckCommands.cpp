@@ -8,12 +8,12 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <iostream>
 #include <set>
 
 #include "Commands.h"
+#include "EntryBatch.h"
 #include "LogSalvage.h"
 #include "Terminal.h"
 
@@ -247,7 +247,7 @@ int runCheck(const CheckOptions& options) {
     const auto sourceCount = static_cast<std::int64_t>(salvage.sources().size());
     salvage.properties();
     std::int64_t entryCount = 0;
-    salvage.entries([&entryCount](const DataEntry&) { ++entryCount; });
+    salvage.entries([&entryCount](DataEntry&&) { ++entryCount; });
     const auto resourceCount = static_cast<std::int64_t>(salvage.resources().size());
     const auto bookmarkCount = static_cast<std::int64_t>(salvage.bookmarks().size());
     for (const std::string& line : entryLosses(salvage, salvage.unreadableEntries())) {
@@ -306,17 +306,21 @@ int runRecover(const RecoverOptions& options) {
     std::vector<std::pair<std::int32_t, std::int32_t>> newIds;
     IdSet saved;
     {
-        std::atomic<std::int64_t> count{0};
-        ProgressTicker ticker([&count, &output] {
-            return "recover: " + std::to_string(count.load()) + " entries saved into " +
+        EntryBatch batch(*log, [&log](std::int64_t id) {
+            return refusal(*log, "log entry " + std::to_string(id));
+        });
+        ProgressTicker ticker([&batch, &output] {
+            return "recover: " + std::to_string(batch.written()) + " entries saved into " +
                    output.string();
         });
-        salvage.entries([&](const DataEntry& entry) {
+        salvage.entries([&](DataEntry&& entry) {
             keeper.require(entry.dataSourceId);
-            requireSuccess(log->logData(entry), *log, "log entry " + std::to_string(entry.entryId));
-            newIds.emplace_back(entry.entryId, static_cast<std::int32_t>(++count));
-            saved.add(entry.entryId);
+            const std::int32_t id = entry.entryId;
+            newIds.emplace_back(id, static_cast<std::int32_t>(newIds.size() + 1));
+            saved.add(id);
+            batch.add(std::move(entry), id);
         });
+        batch.flush();
     }
     std::int64_t resourcesDropped = 0;
     for (const LogResourceEntry& resource : salvage.resources()) {

@@ -100,9 +100,13 @@ std::unique_ptr<SqliteLogFile> createLog(const fs::path& file, const NewFileIden
     }
 }
 
+ToolError refusal(const LogFileInterface& log, const std::string& action) {
+    return ToolError(log.getFilePath(), "cannot " + action + ": " + log.getLastError());
+}
+
 void requireSuccess(bool done, const LogFileInterface& log, const std::string& action) {
     if (!done) {
-        throw ToolError(log.getFilePath(), "cannot " + action + ": " + log.getLastError());
+        throw refusal(log, action);
     }
 }
 
@@ -213,7 +217,7 @@ std::vector<std::int8_t> resolveSources(const LogFileInterface& log,
 }
 
 void forEachEntry(const LogFileInterface& log, const EntryRange& range,
-                  const std::function<bool(const DataEntry&)>& visit) {
+                  const std::function<bool(DataEntry&&)>& visit) {
     const std::int64_t first = range.first < 0 ? log.getFirstEntryId() : range.first;
     const std::int64_t last = range.last < 0 ? log.getLastEntryId() : range.last;
     if (first < 0 || last < first) {
@@ -225,11 +229,11 @@ void forEachEntry(const LogFileInterface& log, const EntryRange& range,
         const std::int64_t to = std::min(last, from + window - 1);
         const std::int64_t limit = remaining >= 0 && remaining < window ? remaining : -1;
         std::uint64_t bytes = 0;
-        for (const DataEntry& entry :
+        for (DataEntry& entry :
              log.readEntries(static_cast<std::int32_t>(from), static_cast<std::int32_t>(to),
                              range.filter, static_cast<std::int32_t>(limit))) {
             bytes += entry.data.size();
-            if (!visit(entry)) {
+            if (!visit(std::move(entry))) {
                 return;
             }
             if (remaining > 0) {

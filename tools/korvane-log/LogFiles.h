@@ -54,7 +54,9 @@ struct NewFileIdentity {
 // Creates a new log file stamped with the current time and time zone; refuses an existing path.
 std::unique_ptr<SqliteLogFile> createLog(const fs::path& file, const NewFileIdentity& identity);
 
-// Turns a change that `log` refused into a failure that says what was refused and why.
+// The failure of a change that `log` refused: what was refused, and why.
+ToolError refusal(const LogFileInterface& log, const std::string& action);
+// Throws the refusal of `action` unless it was `done`.
 void requireSuccess(bool done, const LogFileInterface& log, const std::string& action);
 
 // Throws unless nothing at all stands at `output`.
@@ -99,9 +101,10 @@ struct EntryRange {
 
 // Calls `visit` with each selected entry in id order, reading a small window of ids per query, so
 // that files larger than memory can be walked and a process recording into the file waits for
-// no more than one short query. The ends of the range are read when the walk starts: entries
-// recorded meanwhile past its end are not visited. Stops early when `visit` returns false.
+// no more than one short query; `visit` may take the entry over. The ends of the range are read
+// when the walk starts: entries recorded meanwhile past its end are not visited. Stops early
+// when `visit` returns false.
 void forEachEntry(const LogFileInterface& log, const EntryRange& range,
-                  const std::function<bool(const DataEntry&)>& visit);
+                  const std::function<bool(DataEntry&&)>& visit);
 
 }  // namespace KorvaneLog

@@ -93,7 +93,7 @@ std::vector<DataSourceProperty> LogSalvage::properties() {
     return properties;
 }
 
-void LogSalvage::entries(const std::function<void(const DataEntry&)>& visit) {
+void LogSalvage::entries(const std::function<void(DataEntry&&)>& visit) {
     IdSet seen;
     const std::string columns = "timestamp, type, dataSourceId, length, payload";
     const TableReport& report = walk("data", columns, [&](const Row& row) {

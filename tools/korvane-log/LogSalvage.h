@@ -41,8 +41,9 @@ public:
     std::vector<LogMetadataEntry> metadata();
     std::vector<DataSource> sources();
     std::vector<DataSourceProperty> properties();
-    // Gives each entry that reads and decodes, with its id in this file, in id order.
-    void entries(const std::function<void(const DataEntry&)>& visit);
+    // Gives each entry that reads and decodes, with its id in this file, in id order; `visit`
+    // may take it over.
+    void entries(const std::function<void(DataEntry&&)>& visit);
     std::vector<LogResourceEntry> resources();
     std::vector<Bookmark> bookmarks();
 

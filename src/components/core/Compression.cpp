@@ -42,25 +42,39 @@ ZSTD_DCtx& decompressionContext() {
 
 }  // namespace
 
-ByteArray compress(const std::uint8_t* data, std::size_t size, CompressionLevel level) {
+namespace {
+
+void compressInto(const std::uint8_t* data, std::size_t size, CompressionLevel level,
+                  ByteArray& compressed) {
     ZSTD_CCtx& context = compressionContext();
     const int zstdLevel = level == Default ? ZSTD_CLEVEL_DEFAULT : static_cast<int>(level);
     // Parameters stay set on the context: only the level changes between calls. The content
     // size is recorded by default.
     ZSTD_CCtx_setParameter(&context, ZSTD_c_compressionLevel, zstdLevel);
 
-    ByteArray compressed(ZSTD_compressBound(size));
+    compressed.resize(ZSTD_compressBound(size));
     const std::size_t written =
         ZSTD_compress2(&context, compressed.data(), compressed.size(), data, size);
     if (ZSTD_isError(written)) {
         throw std::runtime_error(std::string("Compression failed: ") + ZSTD_getErrorName(written));
     }
     compressed.resize(written);
+}
+
+}  // namespace
+
+ByteArray compress(const std::uint8_t* data, std::size_t size, CompressionLevel level) {
+    ByteArray compressed;
+    compressInto(data, size, level, compressed);
     return compressed;
 }
 
 ByteArray compress(const ByteArray& data, CompressionLevel level) {
     return compress(data.data(), data.size(), level);
+}
+
+void compress(const ByteArray& data, CompressionLevel level, ByteArray& into) {
+    compressInto(data.data(), data.size(), level, into);
 }
 
 ByteArray uncompress(const std::uint8_t* data, std::size_t size) {

@@ -21,6 +21,9 @@ enum CompressionLevel : int {
 // size. Each thread reuses one compression context.
 ByteArray compress(const std::uint8_t* data, std::size_t size, CompressionLevel level);
 ByteArray compress(const ByteArray& data, CompressionLevel level);
+// The same frame, written over `into`, whose memory is reused: for callers that compress many
+// payloads one after the other.
+void compress(const ByteArray& data, CompressionLevel level, ByteArray& into);
 
 // Restores the bytes that `compress` was given. An empty input gives an empty result. Throws
 // `std::runtime_error` for input that is no single complete frame, whose content size is not

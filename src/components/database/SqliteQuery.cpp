@@ -18,39 +18,25 @@ SqliteQuery::~SqliteQuery() {
 
 namespace {
 
-int parameterIndex(sqlite3_stmt* statement, const std::string& name) {
-    return statement == nullptr ? 0 : sqlite3_bind_parameter_index(statement, name.c_str());
-}
-
 sqlite3_destructor_type lifetime(SqliteQuery::BindMode mode) {
     return mode == SqliteQuery::BindMode::Copy ? SQLITE_TRANSIENT : SQLITE_STATIC;
 }
 
 }  // namespace
 
-bool SqliteQuery::bindParameter(const std::string& name, std::int32_t value) {
-    const int index = parameterIndex(statement, name);
+int SqliteQuery::parameterIndex(const std::string& name) const {
+    return statement == nullptr ? 0 : sqlite3_bind_parameter_index(statement, name.c_str());
+}
+
+bool SqliteQuery::bindParameterAt(int index, std::int32_t value) {
     return index != 0 && sqlite3_bind_int(statement, index, value) == SQLITE_OK;
 }
 
-bool SqliteQuery::bindParameter(const std::string& name, std::int64_t value) {
-    const int index = parameterIndex(statement, name);
+bool SqliteQuery::bindParameterAt(int index, std::int64_t value) {
     return index != 0 && sqlite3_bind_int64(statement, index, value) == SQLITE_OK;
 }
 
-bool SqliteQuery::bindParameter(const std::string& name, double value) {
-    const int index = parameterIndex(statement, name);
-    return index != 0 && sqlite3_bind_double(statement, index, value) == SQLITE_OK;
-}
-
-bool SqliteQuery::bindParameter(const std::string& name, const std::string& value, BindMode mode) {
-    const int index = parameterIndex(statement, name);
-    return index != 0 && sqlite3_bind_text64(statement, index, value.data(), value.size(),
-                                             lifetime(mode), SQLITE_UTF8) == SQLITE_OK;
-}
-
-bool SqliteQuery::bindParameter(const std::string& name, const ByteArray& value, BindMode mode) {
-    const int index = parameterIndex(statement, name);
+bool SqliteQuery::bindParameterAt(int index, const ByteArray& value, BindMode mode) {
     if (index == 0) {
         return false;
     }
@@ -59,6 +45,29 @@ bool SqliteQuery::bindParameter(const std::string& name, const ByteArray& value,
                                    : sqlite3_bind_blob64(statement, index, value.data(),
                                                          value.size(), lifetime(mode));
     return code == SQLITE_OK;
+}
+
+bool SqliteQuery::bindParameter(const std::string& name, std::int32_t value) {
+    return bindParameterAt(parameterIndex(name), value);
+}
+
+bool SqliteQuery::bindParameter(const std::string& name, std::int64_t value) {
+    return bindParameterAt(parameterIndex(name), value);
+}
+
+bool SqliteQuery::bindParameter(const std::string& name, double value) {
+    const int index = parameterIndex(name);
+    return index != 0 && sqlite3_bind_double(statement, index, value) == SQLITE_OK;
+}
+
+bool SqliteQuery::bindParameter(const std::string& name, const std::string& value, BindMode mode) {
+    const int index = parameterIndex(name);
+    return index != 0 && sqlite3_bind_text64(statement, index, value.data(), value.size(),
+                                             lifetime(mode), SQLITE_UTF8) == SQLITE_OK;
+}
+
+bool SqliteQuery::bindParameter(const std::string& name, const ByteArray& value, BindMode mode) {
+    return bindParameterAt(parameterIndex(name), value, mode);
 }
 
 SqliteQuery::QueryResult SqliteQuery::executeStep() {

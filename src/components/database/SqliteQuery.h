@@ -61,6 +61,14 @@ public:
     // An empty array binds as an empty blob, never as NULL.
     bool bindParameter(const std::string& name, const ByteArray& value, BindMode mode);
 
+    // The position of the parameter `name` (colon included), from 1; 0 when the statement has no
+    // such parameter. A statement that is bound many times looks its names up once.
+    int parameterIndex(const std::string& name) const;
+    // Bind by position, as `parameterIndex` gives it; position 0 binds nothing and gives false.
+    bool bindParameterAt(int index, std::int32_t value);
+    bool bindParameterAt(int index, std::int64_t value);
+    bool bindParameterAt(int index, const ByteArray& value, BindMode mode);
+
     // Steps the statement: `Row`, `Done`, or `Error` (the code is then in `getLastErrorCode`).
     // Throws `FileIsNotDatabase`.
     QueryResult executeStep();

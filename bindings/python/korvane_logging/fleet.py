@@ -83,11 +83,12 @@ def entries(paths: Iterable[PathLike], *, types: Iterable[int] | None = None,
     `id`, `timestamp`, `source` (its name), `type` and `data` (bytes).
 
     `types` (data types), `sources` (names, or ids) and `source_types` narrow the selection
-    as `LogFile.read_entries` does; None or an empty list selects all. A bag has one partition per file, and a
-    partition reads its file in chunks of `chunk` entries as it is consumed, so a reduction
-    such as `.count()`, `.pluck("data").map(len).sum()` or `.foldby(...)` runs over files of
-    any size in little memory. A file that cannot be read contributes the entries read before
-    the failure, none if it cannot be opened: `summarize` tells which files failed.
+    as `LogFile.read_entries` does; None or an empty list selects all. A bag has one partition
+    per file, and a partition reads its file in chunks of `chunk` entries as it is consumed,
+    so a reduction such as `.count()`, `.pluck("data").map(len).sum()` or `.foldby(...)` runs
+    over files of any size in little memory. A file that cannot be read contributes the
+    entries read before the failure, none if it cannot be opened: `summarize` tells which
+    files failed.
 
     The bag is computed where `.compute()` sends it: the default Client if there is one, or
     `.compute(scheduler=client)`. When `client` is given, its workers are asked once here

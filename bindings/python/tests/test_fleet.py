@@ -90,7 +90,7 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Fleet:
 @pytest.fixture(scope="module")
 def client():
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  dashboard_address=None) as cluster, \
+                                  dashboard_address=":0") as cluster, \
             distributed.Client(cluster, set_as_default=False) as connected:
         yield connected
 
@@ -98,7 +98,8 @@ def client():
 def expected_summary(written: Written) -> dict:
     times = [entry["timestamp"] for entry in written.entries]
     return {"path": written.path, "entries": len(written.entries),
-            "first_timestamp": min(times, default=None), "last_timestamp": max(times, default=None),
+            "first_timestamp": min(times, default=None),
+            "last_timestamp": max(times, default=None),
             "sources": written.sources, "bookmarks": len(written.bookmarks),
             "application": written.application, "application_version": written.version,
             "bytes": sum(len(entry["data"]) for entry in written.entries), "error": None}

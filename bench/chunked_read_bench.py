@@ -13,12 +13,13 @@ Not a test: run it on a quiet machine.
 
 from __future__ import annotations
 
-import argparse
 import os
 import statistics
 import sys
 import time
 from pathlib import Path
+
+import package_bench_options
 
 
 def write_file(path: Path, entries: int) -> None:
@@ -53,14 +54,9 @@ def timed_calls(log, function: str) -> list[float]:
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--entries", type=int, default=1_000_000)
-    parser.add_argument("--dir", type=Path, default=Path("build-release/chunked-read-bench"))
-    parser.add_argument("--library", help="libkorvane-logging.so to use (else as installed)")
-    options = parser.parse_args()
-    if options.library:
-        os.environ["KORVANE_LOGGING_LIBRARY"] = os.path.abspath(options.library)
-    sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "bindings" / "python"))
+    options = package_bench_options.parse(
+        __doc__.split("\n\n")[0], "chunked-read-bench",
+        lambda parser: parser.add_argument("--entries", type=int, default=1_000_000))
     import korvane_logging as kl
     from korvane_logging._reading import Selection
 

@@ -21,6 +21,8 @@ import sys
 import time
 from pathlib import Path
 
+import package_bench_options
+
 SOURCES = [("camera", 1, 160), ("gnss", 2, 48), ("imu", 3, 32), ("lidar", 4, 160)]
 """Name, source type and payload bytes of each source; entries take turns among them."""
 
@@ -56,19 +58,13 @@ def peak_memory(**_: object) -> int:
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--files", type=int, default=200)
-    parser.add_argument("--entries", type=int, default=10_000)
-    parser.add_argument("--repeat", type=int, default=3)
-    parser.add_argument("--dir", type=Path, default=Path("build-release/fleet-bench"))
-    parser.add_argument("--library", help="libkorvane-logging.so to use (else as installed)")
-    options = parser.parse_args()
-    if options.library:
-        os.environ["KORVANE_LOGGING_LIBRARY"] = os.path.abspath(options.library)
-    package = Path(__file__).resolve().parent.parent / "bindings" / "python"
-    sys.path.insert(0, str(package))
-    os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, [str(package),
-                                                             os.environ.get("PYTHONPATH")]))
+    def add_options(parser: argparse.ArgumentParser) -> None:
+        parser.add_argument("--files", type=int, default=200)
+        parser.add_argument("--entries", type=int, default=10_000)
+        parser.add_argument("--repeat", type=int, default=3)
+
+    options = package_bench_options.parse(__doc__.split("\n\n")[0], "fleet-bench",
+                                          add_options)
     from distributed import Client, LocalCluster
 
     from korvane_logging import fleet

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a fresh prefix and builds a consumer against it twice: through the
 # CMake package and through pkg-config. The installed headers must need neither SQLite nor zstd.
+# Then the installed Python package records and reads a file with the prefix's library, found
+# without LD_LIBRARY_PATH.
 set -euo pipefail
 build_dir=$1
 consumer_dir=$2
@@ -25,3 +27,23 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 -o "$work/pkg-consumer" "$consumer_dir/consumer.cpp" \
     $(pkg-config --cflags --libs korvane-logging)
 LD_LIBRARY_PATH="$libdir" "$work/pkg-consumer" "$work/run"
+
+package=$(find "$work/prefix" -path '*/korvane_logging/_installed.py')
+[ -n "$package" ] || { echo "the Python package was not installed" >&2; exit 1; }
+python=$(command -v python3)
+env -u KORVANE_LOGGING_LIBRARY -u LD_LIBRARY_PATH PYTHONPATH="$(dirname "$(dirname "$package")")" \
+    "$python" - "$work/prefix" "$work/run/python.log" <<'PYTHON'
+import os
+import sys
+
+import korvane_logging as kl
+from korvane_logging import _library
+
+prefix, path = sys.argv[1:]
+with kl.LogFile.create(path, "install-check", "1") as log:
+    log.log(log.add_source("source", 1), 0, b"from the installed package")
+with kl.LogFile.open(path) as log:
+    assert log.read_entry(1).data == b"from the installed package"
+loaded = _library.library()._name
+assert os.path.realpath(loaded).startswith(os.path.realpath(prefix)), loaded
+PYTHON

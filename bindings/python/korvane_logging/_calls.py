@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import ctypes
 import operator
+from array import array
 from contextlib import contextmanager
 from ctypes import byref, c_char_p, c_double, c_int64, c_uint64, c_void_p
 from typing import Any, Callable, Iterator, TypeVar, Union
@@ -142,9 +143,9 @@ def collect(lib: ctypes.CDLL, function: str, *args: Any, family: str,
     return items
 
 
-def collect_ids(lib: ctypes.CDLL, function: str, *args: Any) -> list[int]:
-    """The entry ids that an enumeration with an `error` parameter delivers."""
-    ids: list[int] = []
+def collect_ids(lib: ctypes.CDLL, function: str, *args: Any) -> array[int]:
+    """The entry ids that an enumeration with an `error` parameter delivers, 4 bytes each."""
+    ids = array("i")
     callback = EntryIdCallback(lambda _user_data, entry_id: ids.append(entry_id))
     _run(lib, function, args, callback, has_error=True)
     return ids

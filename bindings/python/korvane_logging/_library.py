@@ -104,21 +104,33 @@ _PROTOTYPES: dict[str, tuple[object, tuple[object, ...]]] = {
 _loaded: ctypes.CDLL | None = None
 
 
+def _installed() -> list[str]:
+    """The library that `cmake --install` put beside this package, if it is still there."""
+    try:
+        from ._installed import LIBRARY
+    except ImportError:
+        return []
+    return [LIBRARY] if os.path.exists(LIBRARY) else []
+
+
 def _candidates(path: str | os.PathLike[str] | None) -> list[str]:
-    """The names to try, in order: the caller's path, the environment's, the system's."""
+    """The names to try, in order: the caller's path, the environment's, the installation's,
+    the system's."""
     if path is not None:
         return [os.fspath(path)]
     if os.environ.get(ENVIRONMENT_VARIABLE):
         return [os.environ[ENVIRONMENT_VARIABLE]]
     found = ctypes.util.find_library("korvane-logging")
-    return [name for name in (found, "libkorvane-logging.so.1", "libkorvane-logging.so") if name]
+    return _installed() + [name for name in (found, "libkorvane-logging.so.1",
+                                             "libkorvane-logging.so") if name]
 
 
 def load(path: str | os.PathLike[str] | None = None) -> ctypes.CDLL:
     """Loads libkorvane-logging and declares the prototypes of the functions the package calls.
 
     The library is looked for at `path` when it is given, else at the path in the environment
-    variable KORVANE_LOGGING_LIBRARY, else where the system's loader finds it. A later call
+    variable KORVANE_LOGGING_LIBRARY, else where `cmake --install` put it beside this package,
+    else where the system's loader finds it. A later call
     replaces the library for log files opened afterwards; open ones keep theirs. Raises OSError
     when no candidate loads.
     """

@@ -4,17 +4,22 @@ from __future__ import annotations
 
 import ctypes
 import os
+import time
 import weakref
-from collections.abc import Iterable, Iterator
+from array import array
+from bisect import bisect_left, bisect_right
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from contextlib import contextmanager
 from ctypes import byref, c_int8, c_int32, c_void_p
 from functools import partial
+from itertools import islice
 from types import TracebackType
 from typing import Union
 
 from ._calls import Value, blob, checked, collect, collect_ids, encode, fixed, make_value
 from ._calls import number_of, owned, read_value
 from ._library import library
+from ._reading import DEFAULT_CHUNK, ChunkSize, Selection
 from .errors import LogError, NotFoundError
 from .records import Bookmark, Entry, Property, Source
 from .views import Metadata, Resources
@@ -63,6 +68,9 @@ class LogFile:
         self._handle = handle
         self._path = os.fsdecode(path)
         self._location = os.path.abspath(self._path)
+        # What the path named when the file was opened; `follow` notices a replaced file.
+        status = os.stat(self._location)
+        self._identity = (status.st_dev, status.st_ino)
         # Entries and properties are made from a source handle that carries the source's id,
         # and only the library can give a handle an id, so the ones it gave are kept.
         self._sources: dict[int, int] = {}
@@ -228,27 +236,149 @@ class LogFile:
 
         -1 for `first` or `last` stands for the file's first or last entry. Each of `types`
         (data types), `sources` and `source_types` narrows the selection when it is not empty.
-        At most `limit` entries are read; -1 reads all. All entries are held in memory at once.
+        At most `limit` entries are read; -1 reads all. All entries are held in memory at once;
+        `iter_entries` reads the same lazily.
         """
-        lib, file = self._lib, self._live()
-        with self._filter(types, sources, source_types) as selection:
-            fields = collect(lib, "KV_LogFile_ReadEntries", file, fixed(first, 32, "entry id"),
-                             fixed(last, 32, "entry id"), selection, fixed(limit, 32, "limit"),
-                             family="KV_LogDataEntry", convert=partial(Entry._fields_of, lib))
-            if not fields:
-                return []
-            # Entry records carry no readable id. The index of the same selection lists them
-            # in the same order, and ids only grow, so its first ids in the range are theirs.
-            ids = [entry_id for entry_id in collect_ids(lib, "KV_LogFile_GetEntryIndex", file,
-                                                         selection)
-                   if (first == -1 or entry_id >= first) and (last == -1 or entry_id <= last)]
+        limit = fixed(limit, 32, "limit")
+        if limit < 0:
+            return list(self.iter_entries(first, last, types, sources, source_types))
+        chunk = max(1, min(limit, DEFAULT_CHUNK))
+        return list(islice(self.iter_entries(first, last, types, sources, source_types,
+                                              chunk=chunk), limit))
+
+    def iter_entries(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
+                     sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
+                     chunk: int = DEFAULT_CHUNK) -> Iterator[Entry]:
+        """The entries that `read_entries` selects, read as they are consumed.
+
+        Each call into the library reads at most `chunk` entries, and fewer when they are big
+        (about 8 MiB of payload), so memory stays bounded and a recorder in another process
+        waits for one short read at a time. The range is fixed by this call: entries recorded
+        later are not included. LogError when entries of the range cannot be read.
+        """
+        sizes = ChunkSize(chunk)
+        selection = Selection.of(types, map(_source_id, sources), source_types)
+        bounds = self._bounds(fixed(first, 32, "entry id"), fixed(last, 32, "entry id"))
+        if bounds is None:
+            return iter(())
+        if selection:
+            return self._listed_entries(*bounds, selection, sizes)
+        return self._spans(*bounds, sizes, lambda entry: True)
+
+    def follow(self, first: int | None = None, types: Iterable[int] = (),
+               sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
+               interval: float = 0.1, idle_timeout: float | None = None,
+               chunk: int = DEFAULT_CHUNK) -> Iterator[Entry]:
+        """The entries that are recorded into the file from now on, as they arrive.
+
+        Another process records; this one opened the file. The entries come by ascending id,
+        filtered as in `read_entries`: by default those recorded after this call, or from the
+        entry `first` on when it is given, the ones already there first. Every `interval`
+        seconds the file is asked for its last entry id, and new entries are read in chunks as
+        in `iter_entries`. The iteration runs until the caller stops it, or until no entry has
+        arrived for `idle_timeout` seconds when that is given. LogError when the file at the
+        path has been removed or replaced by another file.
+        """
+        if interval < 0 or (idle_timeout is not None and idle_timeout < 0):
+            raise ValueError("interval and idle_timeout cannot be negative")
+        sizes = ChunkSize(chunk)
+        selection = Selection.of(types, map(_source_id, sources), source_types)
+        start = (self.last_entry_id or 0) + 1 if first is None else fixed(first, 32, "entry id")
+        return self._follow(start, selection.matcher(lambda: self.sources), sizes, interval,
+                            idle_timeout)
+
+    def _follow(self, start: int, matches: Callable[[Entry], bool], sizes: ChunkSize,
+                interval: float, idle_timeout: float | None) -> Iterator[Entry]:
+        quiet_since = time.monotonic()
+        while True:
+            last = self.last_entry_id
+            if last is not None and last >= start:
+                yield from self._spans(start, last, sizes, matches)
+                start, quiet_since = last + 1, time.monotonic()
+                continue
+            self._check_identity()
+            if idle_timeout is not None and time.monotonic() - quiet_since >= idle_timeout:
+                return
+            time.sleep(interval)
+
+    def _check_identity(self) -> None:
+        """Raises LogError when the path no longer names the file that was opened."""
+        try:
+            now = os.stat(self._location)
+        except FileNotFoundError:
+            raise LogError(f"The log file {self._path} has been removed.") from None
+        if (now.st_dev, now.st_ino) != self._identity:
+            raise LogError(f"The log file {self._path} has been replaced by another file.")
+
+    def _bounds(self, first: int, last: int) -> tuple[int, int] | None:
+        """The ids to read, narrowed to the file's; None when no entry can be in the range."""
+        lowest, highest = self.first_entry_id, self.last_entry_id
+        if lowest is None or highest is None:
+            return None
+        first = lowest if first == -1 else max(first, lowest)
+        last = highest if last == -1 else min(last, highest)
+        return (first, last) if first <= last else None
+
+    def _spans(self, first: int, last: int, sizes: ChunkSize,
+               matches: Callable[[Entry], bool]) -> Iterator[Entry]:
+        """The entries from `first` to `last` that `matches` accepts, read span by span.
+
+        Ids only grow and none is deleted, so a span that comes back whole holds every id in
+        it; where ids are missing, the file's index names the ones there are.
+        """
+        index: array[int] | None = None
+        while first <= last:
+            end = min(last, first + sizes.size - 1)
+            fields = self._read_fields(first, end, Selection.of((), (), ()))
+            ids: Sequence[int] = range(first, end + 1)
+            if len(fields) != len(ids):
+                if index is None:
+                    with self._filter(Selection.of((), (), ())) as everything:
+                        index = collect_ids(self._lib, "KV_LogFile_GetEntryIndex",
+                                            self._live(), everything)
+                ids = index[bisect_left(index, first):bisect_right(index, end)]
+            entries = self._entries_of(ids, fields, first, end)
+            sizes.update(entries)
+            yield from filter(matches, entries)
+            first = end + 1
+
+    def _listed_entries(self, first: int, last: int, selection: Selection,
+                        sizes: ChunkSize) -> Iterator[Entry]:
+        """The selected entries from `first` to `last`, read in chunks of the ids that the
+        file's index lists for the selection."""
+        with self._filter(selection) as listed:
+            index = collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), listed)
+        at, stop = bisect_left(index, first), bisect_right(index, last)
+        while at < stop:
+            ids = index[at:min(stop, at + sizes.size)]
+            entries = self._entries_of(ids, self._read_fields(ids[0], ids[-1], selection),
+                                       ids[0], ids[-1])
+            sizes.update(entries)
+            yield from entries
+            at += len(ids)
+
+    def _read_fields(self, first: int, last: int,
+                     selection: Selection) -> list[tuple[int, int, int, bytes]]:
+        """One library call: the fields of the selected entries from `first` to `last`."""
+        lib = self._lib
+        with self._filter(selection) as chosen:
+            return collect(lib, "KV_LogFile_ReadEntries", self._live(), first, last, chosen, -1,
+                           family="KV_LogDataEntry", convert=partial(Entry._fields_of, lib))
+
+    @staticmethod
+    def _entries_of(ids: Sequence[int], fields: list[tuple[int, int, int, bytes]], first: int,
+                    last: int) -> list[Entry]:
+        """Entries from their ids and the fields read for them; entry records carry no id."""
+        if len(ids) != len(fields):
+            raise LogError(f"The entries from {first} to {last} could not all be read.")
         return [Entry(entry_id, *values) for entry_id, values in zip(ids, fields)]
 
     def entry_index(self, types: Iterable[int] = (), sources: Iterable[SourceRef] = (),
                     source_types: Iterable[int] = ()) -> list[int]:
         """The ids of the entries that the filter selects (see `read_entries`), ascending."""
-        with self._filter(types, sources, source_types) as selection:
-            return collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), selection)
+        selection = Selection.of(types, map(_source_id, sources), source_types)
+        with self._filter(selection) as chosen:
+            return list(collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), chosen))
 
     @property
     def entry_count(self) -> int:
@@ -279,18 +409,16 @@ class LogFile:
             raise
 
     @contextmanager
-    def _filter(self, types: Iterable[int], sources: Iterable[SourceRef],
-                source_types: Iterable[int]) -> Iterator[int]:
+    def _filter(self, selection: Selection) -> Iterator[int]:
         lib = self._lib
-        with owned(lib, lib.KV_LogEntryIndexFilter_Create(), "KV_LogEntryIndexFilter") as selection:
-            for data_type in types:
-                lib.KV_LogEntryIndexFilter_AddDataType(selection, fixed(data_type, 32, "type"))
-            for source in sources:
-                lib.KV_LogEntryIndexFilter_AddDataSource(selection, _source_id(source))
-            for source_type in source_types:
-                lib.KV_LogEntryIndexFilter_AddDataSourceType(
-                    selection, fixed(source_type, 32, "source type"))
-            yield selection
+        with owned(lib, lib.KV_LogEntryIndexFilter_Create(), "KV_LogEntryIndexFilter") as chosen:
+            for data_type in sorted(selection.types):
+                lib.KV_LogEntryIndexFilter_AddDataType(chosen, data_type)
+            for source_id in sorted(selection.source_ids):
+                lib.KV_LogEntryIndexFilter_AddDataSource(chosen, source_id)
+            for source_type in sorted(selection.source_types):
+                lib.KV_LogEntryIndexFilter_AddDataSourceType(chosen, source_type)
+            yield chosen
 
     # ---- Metadata, resources, bookmarks ----------------------------------------------------
 

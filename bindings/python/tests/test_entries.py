@@ -2,7 +2,10 @@
 
 from __future__ import annotations
 
+import shutil
+import sqlite3
 import time
+from contextlib import closing
 
 import pytest
 from conftest import CAMERA_TYPE, ENTRY_COUNT, LIDAR_TYPE, Recording, record
@@ -59,6 +62,44 @@ def with_sources(recording: Recording, selection: dict) -> dict:
 def test_read_entries_matches_what_was_logged(log, recording, selection, window):
     entries = log.read_entries(**with_sources(recording, selection), **window)
     assert entries == expected(recording, **selection, **window)
+
+
+def count_entries_per_read(monkeypatch: pytest.MonkeyPatch, log: kl.LogFile) -> list[int]:
+    """Spies on the library's ReadEntries: the number of entries each call delivers."""
+    counts: list[int] = []
+    read = log._lib.KV_LogFile_ReadEntries
+
+    def spy(file, first, last, selection, limit, callback, user_data):
+        counts.append(0)
+
+        def counted(data, handle):
+            counts[-1] += 1
+            callback(data, handle)
+
+        relay = type(callback)(counted)
+        return read(file, first, last, selection, limit, relay, user_data)
+
+    monkeypatch.setattr(log._lib, "KV_LogFile_ReadEntries", spy)
+    return counts
+
+
+@pytest.mark.parametrize("missing", [(), (1, 8, 9, 10, 11, 12, 13, 14, 15, 33, ENTRY_COUNT)],
+                         ids=["whole", "with-gaps"])
+@pytest.mark.parametrize("selection", SELECTIONS)
+def test_iteration_reads_a_few_entries_per_call(recording, selection, missing, tmp_path,
+                                                monkeypatch):
+    # Ids missing from a file (written elsewhere) make the reader consult the index.
+    path = tmp_path / "copy.log"
+    shutil.copy(recording.path, path)
+    with closing(sqlite3.connect(path)) as database, database:
+        database.executemany("DELETE FROM data WHERE entryId = ?", [(i,) for i in missing])
+    kept = Recording(path, recording.camera, recording.lidar,
+                     [entry for entry in recording.entries if entry.id not in missing])
+    with kl.LogFile.open(path) as log:
+        counts = count_entries_per_read(monkeypatch, log)
+        entries = list(log.iter_entries(first=3, chunk=7, **with_sources(kept, selection)))
+    assert entries == expected(kept, first=3, **selection)
+    assert max(counts, default=0) <= 7
 
 
 @pytest.mark.parametrize("selection", SELECTIONS)

@@ -202,12 +202,10 @@ int main(int argc, char** argv) {
     std::filesystem::create_directories(folder);
 
     std::printf(
-        "Player delivery accuracy over %.1f s of recording, cap %d ms (lateness in ms "
-        "against the recorded schedule; negative is early)\n",
+        "Player delivery accuracy: %.1f s recorded, cap %d ms, lateness in ms (negative: early)\n",
         durationMs / 1000.0, maxFrameDelayMs);
-    std::printf("%8s %5s %-8s %-8s %7s %8s %8s %8s %9s %8s %8s %8s\n", "rate", "speed", "callback",
-                "timing", "frames", "median", "p99", "max", "end drift", "replay s", "ideal s",
-                "stretch");
+    std::printf("%8s %4s %-6s %-8s %6s %8s %8s %8s %8s %7s %7s %7s\n", "rate", "x", "busy",
+                "timing", "frames", "median", "p99", "max", "drift", "replay", "ideal", "stretch");
     int status = 0;
     // The replay time of each timing at 1 kHz and 1x, against which 10x is compared.
     std::map<PlaybackTiming, double> oneKilohertzAt1x;
@@ -223,8 +221,7 @@ int main(int argc, char** argv) {
             const double stretch =
                 result.idealSeconds > 0 ? result.replaySeconds / result.idealSeconds - 1 : 0;
             std::printf(
-                "%5d Hz %4.0fx %-8s %-8s %7zu %8.3f %8.3f %8.3f %9.3f %8.3f %8.3f "
-                "%7.2f%%\n",
+                "%5d Hz %3.0fx %-6s %-8s %6zu %8.3f %8.3f %8.3f %8.3f %7.3f %7.3f %6.2f%%\n",
                 scenario.rateHz, double(scenario.multiplier), scenario.busy ? "0.5 ms" : "-",
                 nameOf(timing), result.deliveries, result.medianMs, result.p99Ms, result.maxMs,
                 result.driftMs, result.replaySeconds, result.idealSeconds, 100 * stretch);

@@ -11,14 +11,6 @@ constexpr std::int64_t int64Max = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t int64Min = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t nsPerMs = 1'000'000;
 
-std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
-    std::int64_t sum = 0;
-    if (__builtin_add_overflow(a, b, &sum)) {
-        return b > 0 ? int64Max : int64Min;
-    }
-    return sum;
-}
-
 std::int64_t saturatingSub(std::int64_t a, std::int64_t b) {
     std::int64_t difference = 0;
     if (__builtin_sub_overflow(a, b, &difference)) {
@@ -29,13 +21,21 @@ std::int64_t saturatingSub(std::int64_t a, std::int64_t b) {
 
 }  // namespace
 
+std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) {
+    std::int64_t sum = 0;
+    if (__builtin_add_overflow(a, b, &sum)) {
+        return b > 0 ? int64Max : int64Min;
+    }
+    return sum;
+}
+
 std::int64_t gapMs(std::int64_t timestampMs, std::int64_t previousTimestampMs) {
     return saturatingSub(timestampMs, previousTimestampMs);
 }
 
-std::int64_t roundToInt64(float value) {
-    // 2^63 is exact in single precision; every float below it in magnitude fits into 64 bits.
-    constexpr float limit = 9223372036854775808.0f;
+std::int64_t roundToInt64(double value) {
+    // 2^63 is exact in double precision; every double below it in magnitude fits into 64 bits.
+    constexpr double limit = 9223372036854775808.0;
     if (std::isnan(value)) {
         return 0;
     }

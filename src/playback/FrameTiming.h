@@ -10,9 +10,12 @@ namespace Korvane::Logging::Playback::FrameTiming {
 // The recorded gap from `previousTimestampMs` to `timestampMs`.
 std::int64_t gapMs(std::int64_t timestampMs, std::int64_t previousTimestampMs);
 
+// `a + b`, or the bound of the 64-bit range that the sum would pass.
+std::int64_t saturatingAdd(std::int64_t a, std::int64_t b);
+
 // Rounds `value` to the nearest whole number, halves away from zero. Infinities and values past
 // the 64-bit range give the nearest bound; NaN gives 0.
-std::int64_t roundToInt64(float value);
+std::int64_t roundToInt64(double value);
 
 // The wait before a frame, in milliseconds. A recorded `gapMs` at or above `maxFrameDelayMs`
 // waits exactly the cap. A shorter one is divided in single precision by `speedMultiplier`,

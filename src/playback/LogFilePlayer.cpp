@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "FrameTiming.h"
+#include "TimelineSchedule.h"
 
 namespace Korvane::Logging::Playback {
 
@@ -48,6 +49,7 @@ struct PlayerState {
     void play();
     void stop();
     bool advanceFrame();
+    bool advanceOnThread();
     void reloadBookmarks();
     void playbackLoop();
     std::int32_t frameNumberOf(std::int32_t entryId) const;
@@ -61,6 +63,7 @@ struct PlayerState {
     std::atomic<bool> loopPlayback;
     std::int32_t maxFrameDelayMs;
     std::atomic<float> playbackSpeedMultiplier{1.0f};
+    std::atomic<PlaybackTiming> playbackTiming{PlaybackTiming::Milliseconds};
     std::int32_t currentFrame = 0;
     std::thread playbackThread;
     std::mutex stateMutex;
@@ -126,18 +129,12 @@ bool PlayerState::advanceFrame() {
         currentFrame = 0;
         previousTimestamp = 0;
     }
-    std::optional<DataEntry> entry;
-    try {
-        entry = logFile->readEntry(frames[currentFrame]);
-    } catch (...) {
-        // A damaged file makes the read throw (a payload that does not uncompress, a page that
-        // is no database). On the playback thread that would end the process, so a frame whose
-        // read throws is a frame that can't be read, on every thread.
-    }
+    // Whether the read yields nothing or throws, the previous entry must not stay behind to be
+    // delivered again under this frame number.
+    currentEntry.reset();
+    std::optional<DataEntry> entry = logFile->readEntry(frames[currentFrame]);
     if (!entry) {
-        // Delivering the previous entry again under this frame number would be wrong; a frame
-        // that can't be read ends the run as the end of the list does.
-        currentEntry.reset();
+        // A frame that can't be read ends the run as the end of the list does.
         return false;
     }
     currentEntry = std::make_unique<DataEntry>(std::move(*entry));
@@ -176,31 +173,56 @@ DataEntry PlayerState::takeCurrentEntry() {
     return entry;
 }
 
+bool PlayerState::advanceOnThread() {
+    try {
+        return advanceFrame();
+    } catch (...) {
+        // A damaged file makes the read throw (a payload that does not uncompress, a page that
+        // is no database). Here that would end the process; the frame ends the run instead, as
+        // a frame that reads as nothing does.
+        return false;
+    }
+}
+
 void PlayerState::playbackLoop() {
 #ifdef __linux__
     // Timed waits of this thread end as close to their deadline as the system can manage,
     // instead of up to 50 microseconds late.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 #endif
-    // The lateness still to make up; a new thread starts without any.
+    // What paces the frames: in milliseconds, the lateness still to make up; on the timeline,
+    // the schedule. Both start afresh with each thread and when the timing changes during a run.
+    std::optional<PlaybackTiming> pacing;
     std::int64_t timingCarry = 0;
+    TimelineSchedule schedule;
     for (;;) {
         const Clock::time_point t0 = Clock::now();
-        if (!advanceFrame()) {
+        if (!advanceOnThread()) {
             std::lock_guard<std::mutex> lock(stateMutex);
             playing = false;
             return;
         }
+        const PlaybackTiming timing = playbackTiming.load();
+        if (pacing != timing) {
+            pacing = timing;
+            timingCarry = 0;
+            schedule.restart(toNs(t0));
+        }
+        const bool onTimeline = timing == PlaybackTiming::Timeline;
         const std::int64_t gap = FrameTiming::gapMs(currentEntry->timestamp, previousTimestamp);
-        const std::int64_t delay = FrameTiming::frameDelayMs(
-            gap, maxFrameDelayMs, playbackSpeedMultiplier.load(), timingCarry);
+        const float multiplier = playbackSpeedMultiplier.load();
+        const std::int64_t delay =
+            onTimeline ? 0
+                       : FrameTiming::frameDelayMs(gap, maxFrameDelayMs, multiplier, timingCarry);
         previousTimestamp = currentEntry->timestamp;
         const std::int64_t fetchMs = FrameTiming::elapsedMs(t0, Clock::now());
 
         const Clock::time_point t1 = Clock::now();
         std::unique_lock<std::mutex> lock(stateMutex);
+        const std::int64_t nowNs = toNs(Clock::now());
         const Clock::time_point deadline =
-            fromNs(FrameTiming::deadlineNs(toNs(Clock::now()), delay));
+            fromNs(onTimeline ? schedule.nextDueNs(gap, maxFrameDelayMs, multiplier, nowNs)
+                              : FrameTiming::deadlineNs(nowNs, delay));
         // A timed wait rather than a sleep, so that `stop` ends it at once.
         while (playing && Clock::now() < deadline) {
             wakeCondition.wait_until(lock, deadline);
@@ -292,6 +314,7 @@ void LogFilePlayer::seek(std::int32_t frameNumber, FrameCallback callback) {
         state->stop();
     }
     state->currentFrame = frameNumber - 1;
+    // An exception of the read passes with the position at the target and playback stopped.
     state->advanceFrame();
     if (!state->currentEntry) {
         // The frame couldn't be read: there is nothing to show and no timestamp to measure from.
@@ -316,6 +339,10 @@ void LogFilePlayer::setPlaybackSpeedMultiplier(float multiplier) {
     state->playbackSpeedMultiplier.exchange(multiplier);
 }
 
+void LogFilePlayer::setPlaybackTiming(PlaybackTiming timing) {
+    state->playbackTiming.exchange(timing);
+}
+
 std::int32_t LogFilePlayer::getFrameCount() const {
     return static_cast<std::int32_t>(state->frames.size());
 }
@@ -329,15 +356,22 @@ std::int32_t LogFilePlayer::getTotalPlayTime() {
         state->stop();
     }
     const std::int32_t savedFrame = state->currentFrame;
-    state->currentFrame = -1;
     std::optional<std::int64_t> first;
-    if (state->advanceFrame()) {
-        first = state->currentEntry->timestamp;
-    }
-    state->currentFrame = getFrameCount() - 2;
     std::optional<std::int64_t> last;
-    if (state->advanceFrame()) {
-        last = state->currentEntry->timestamp;
+    try {
+        state->currentFrame = -1;
+        if (state->advanceFrame()) {
+            first = state->currentEntry->timestamp;
+        }
+        state->currentFrame = getFrameCount() - 2;
+        if (state->advanceFrame()) {
+            last = state->currentEntry->timestamp;
+        }
+    } catch (...) {
+        // The position belongs to the caller and stays; playback stays stopped, as after a
+        // `seek` that fails.
+        state->currentFrame = savedFrame;
+        throw;
     }
     state->currentFrame = savedFrame;
     if (wasPlaying) {

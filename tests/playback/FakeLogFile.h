@@ -37,6 +37,7 @@ public:
 
     std::vector<Logging::Bookmark> bookmarks;  // stored as given, entry or not
     std::set<std::int32_t> unreadable;         // ids that readEntry yields nothing for
+    std::set<std::int32_t> throwing;           // ids that readEntry throws for
     bool* destroyed = nullptr;                 // set when the file is destroyed
     mutable std::atomic<int> reads{0};
     mutable std::atomic<std::int32_t> lastReadId{0};
@@ -56,6 +57,9 @@ public:
     std::optional<Logging::DataEntry> readEntry(std::int32_t entryId) const override {
         ++reads;
         lastReadId = entryId;
+        if (throwing.count(entryId)) {
+            throw std::runtime_error("damaged entry " + std::to_string(entryId));
+        }
         if (entryId < 1 || entryId > std::int32_t(entries.size()) || unreadable.count(entryId)) {
             return std::nullopt;
         }

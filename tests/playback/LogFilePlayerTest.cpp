@@ -15,6 +15,7 @@ namespace {
 
 using Korvane::Logging::DataEntry;
 using Korvane::Logging::Playback::LogFilePlayer;
+using Korvane::Logging::Playback::PlaybackTiming;
 using Korvane::Testing::FakeLogFile;
 using Korvane::Testing::FrameRecorder;
 using Frames = std::vector<std::int32_t>;
@@ -62,6 +63,23 @@ Frames range(std::int32_t first, std::int32_t last) {
     }
     return numbers;
 }
+
+// The tests of timed playback run in both timings, which must deliver the same frames in the same
+// order under the same numbers.
+class TimedPlaybackTest : public testing::TestWithParam<PlaybackTiming> {
+protected:
+    LogFilePlayer timed(LogFilePlayer player) {
+        player.setPlaybackTiming(GetParam());
+        return player;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(BothTimings, TimedPlaybackTest,
+                         testing::Values(PlaybackTiming::Milliseconds, PlaybackTiming::Timeline),
+                         [](const testing::TestParamInfo<PlaybackTiming>& info) {
+                             return info.param == PlaybackTiming::Timeline ? "Timeline"
+                                                                           : "Milliseconds";
+                         });
 
 TEST(LogFilePlayerTest, TypeListSelectsSourcesAndFramesWithoutReading) {
     struct Row {
@@ -126,11 +144,12 @@ TEST(LogFilePlayerTest, BookmarksMapToTheNextFrameInFileOrder) {
     EXPECT_EQ(player.getBookmarks().at(0).frameNumber, -1);
 }
 
-TEST(LogFilePlayerTest, PlaysFramesAfterThePositionInOrderThenEnds) {
+TEST_P(TimedPlaybackTest, PlaysFramesAfterThePositionInOrderThenEnds) {
     FrameRecorder recorder;
     auto file = fileWithFrames(5);
     const FakeLogFile& fake = *file;
-    LogFilePlayer player(std::move(file), {typeA}, recorder.callback(), false, 0);
+    // Gaps of 1 ms are scaled; the first frame and each wrap wait the cap of 3 ms.
+    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 3});
     player.stop();  // never played: nothing to do
     player.play();
     player.play();  // already playing: no second thread
@@ -182,11 +201,11 @@ TEST(LogFilePlayerTest, FinishedRunIsDisposedOfByStopPlayOrDestructor) {
     }
 }
 
-TEST(LogFilePlayerTest, OneFrameRepeatsOnlyWhenLoopingAndNoFramesNeverRead) {
+TEST_P(TimedPlaybackTest, OneFrameRepeatsOnlyWhenLoopingAndNoFramesNeverRead) {
     FrameRecorder recorder;
     auto file = fileWithFrames(1);
     const FakeLogFile& fake = *file;
-    LogFilePlayer player(std::move(file), {typeA}, recorder.callback(), false, 0);
+    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 0});
     player.play();
     player.stop();
     player.seek(0);
@@ -201,7 +220,7 @@ TEST(LogFilePlayerTest, OneFrameRepeatsOnlyWhenLoopingAndNoFramesNeverRead) {
 
     auto none = std::make_unique<FakeLogFile>();
     const FakeLogFile& empty = *none;
-    LogFilePlayer idle(std::move(none), {}, recorder.callback(), true, 0);
+    LogFilePlayer idle = timed({std::move(none), {}, recorder.callback(), true, 0});
     idle.play();
     idle.seek(0);
     EXPECT_EQ(idle.getTotalPlayTime(), 0);
@@ -209,11 +228,12 @@ TEST(LogFilePlayerTest, OneFrameRepeatsOnlyWhenLoopingAndNoFramesNeverRead) {
     EXPECT_EQ(empty.reads, 0);
 }
 
-TEST(LogFilePlayerTest, StopDuringAWaitSkipsTheWaitingFrame) {
+TEST_P(TimedPlaybackTest, StopDuringAWaitSkipsTheWaitingFrame) {
     FrameRecorder recorder;
     const std::vector<std::int64_t> timestamps = {baseTime, baseTime + 1, baseTime + 2,
                                                   baseTime + 50'000, baseTime + 50'001};
-    LogFilePlayer player(fileWith(timestamps), {typeA}, recorder.callback(), false, longCap);
+    LogFilePlayer player =
+        timed({fileWith(timestamps), {typeA}, recorder.callback(), false, longCap});
     const auto start = std::chrono::steady_clock::now();
     player.play();  // frame 1 waits the whole cap
     player.play();  // already playing: neither a second thread nor a join
@@ -228,15 +248,15 @@ TEST(LogFilePlayerTest, StopDuringAWaitSkipsTheWaitingFrame) {
     EXPECT_EQ(recorder.frameNumbers(), (Frames{2, 4}));
 }
 
-TEST(LogFilePlayerTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
+TEST_P(TimedPlaybackTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
     const std::int32_t targets[] = {0, 2, 4, -1, 5};  // the last two are out of range
     for (std::int32_t target : targets) {
         const bool inRange = target >= 0 && target < 5;
         // Under a long cap, only a seek that measures the next gap from its own frame lets the
         // following frames come at once; the first frame of a new player waits the whole cap.
         FrameRecorder recorder;
-        LogFilePlayer player(fileWithFrames(5), {typeA}, recorder.callback(), false,
-                             inRange ? longCap : 0);
+        LogFilePlayer player = timed(
+            {fileWithFrames(5), {typeA}, recorder.callback(), false, inRange ? longCap : 0});
         player.seek(target);
         const auto seen = recorder.deliveries();
         ASSERT_EQ(seen.size(), inRange ? 1u : 0u);
@@ -270,9 +290,10 @@ TEST(LogFilePlayerTest, SeekPrefersItsOwnCallableAndWithoutAnyThrows) {
     EXPECT_EQ(fake.lastReadId, 3);  // the position moved before the call failed
 }
 
-TEST(LogFilePlayerTest, SeekAndTotalPlayTimeDuringPlayRestartAfterTheirFrame) {
+TEST_P(TimedPlaybackTest, SeekAndTotalPlayTimeDuringPlayRestartAfterTheirFrame) {
     FrameRecorder recorder;
-    LogFilePlayer player(fileWithFrames(6), {typeA}, recorder.callback(), false, longCap);
+    LogFilePlayer player =
+        timed({fileWithFrames(6), {typeA}, recorder.callback(), false, longCap});
     player.play();  // frame 1 waits the whole cap
     player.seek(3);
     ASSERT_TRUE(recorder.waitForCount(3));
@@ -320,11 +341,11 @@ TEST(LogFilePlayerTest, TotalPlayTimeSpansThePlayersFramesAndKeepsThePosition) {
     EXPECT_EQ(recorder.frameNumbers(), Frames{1});
 }
 
-TEST(LogFilePlayerTest, UnreadableFrameEndsTheRunAndIsNotDelivered) {
+TEST_P(TimedPlaybackTest, UnreadableFrameEndsTheRunAndIsNotDelivered) {
     FrameRecorder recorder;
     auto file = fileWithFrames(5);
     file->unreadable = {3};  // frame 2
-    LogFilePlayer player(std::move(file), {typeA}, recorder.callback(), false, 0);
+    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 0});
     player.play();
     ASSERT_TRUE(recorder.waitForCount(1));
     player.seek(2);  // stops the run if it still goes, and delivers nothing
@@ -332,6 +353,39 @@ TEST(LogFilePlayerTest, UnreadableFrameEndsTheRunAndIsNotDelivered) {
     ASSERT_TRUE(recorder.waitForCount(3));
     player.stop();
     EXPECT_EQ(recorder.frameNumbers(), (Frames{1, 3, 4}));
+}
+
+TEST_P(TimedPlaybackTest, ReadExceptionsReachSeekAndTotalPlayTimeButEndARunQuietly) {
+    FrameRecorder recorder;
+    auto file = fileWithFrames(7);
+    file->throwing = {1, 3};  // frames 0 and 2
+    LogFilePlayer player =
+        timed({std::move(file), {typeA}, recorder.callback(), false, longCap});
+    player.play();  // frame 1 waits the whole cap
+    EXPECT_THROW(player.seek(2), std::runtime_error);
+    // A run restarted by the failed seek would have read frame 3 before seeing this stop.
+    player.stop();
+
+    // The position is the seek's target: a new run goes on with frame 3, held by the
+    // multiplier 0 until getTotalPlayTime stops it.
+    player.setPlaybackSpeedMultiplier(0.0f);
+    player.play();
+    EXPECT_THROW(player.getTotalPlayTime(), std::runtime_error);
+    player.stop();  // likewise for a run restarted after the failure
+    player.setPlaybackSpeedMultiplier(1.0f);
+    player.play();
+    ASSERT_TRUE(recorder.waitForCount(3));
+    player.stop();
+
+    // On the playback thread a read that throws ends the run quietly at that frame, which the
+    // run reads before it can see a stop; the next run goes on after it.
+    player.seek(1);
+    player.play();
+    player.stop();
+    player.play();
+    ASSERT_TRUE(recorder.waitForCount(3 + 1 + 4));
+    player.stop();
+    EXPECT_EQ(recorder.frameNumbers(), (Frames{4, 5, 6, 1, 3, 4, 5, 6}));
 }
 
 TEST(LogFilePlayerTest, PlayerOwnsAndDestroysItsLogFile) {

@@ -380,6 +380,7 @@ class ErrorTest(ToolTest):
                 (["cat", path, "--limit", "x"], "--limit"),
                 (["cat", path, "--format", "xml"], "--format"),
                 (["play", path, "--speed", "0"], "--speed"),
+                (["play", path, "--timing", "fast"], "--timing"),
                 (["record", self.dir / "new.kvlog", "--level", "12"], "--level"),
                 (["slice", path, "3", "2"], "FIRST 3 comes after LAST 2"),
                 (["meta", path, "set", "k", "x1", "--int"], "'x1' is not a valid int"),
@@ -567,7 +568,8 @@ class PlayTest(ToolTest):
                 (["--seek", "20"], [21, 22, 23, 24]),
                 # Entry 6 is 35 ms after entry 5; entry 7 goes back in time and adds nothing.
                 (["--duration", "35"], [1, 2, 3, 4]),
-                (["--duration", "80"], [1, 2, 3, 4, 5, 6, 7])]
+                (["--duration", "80"], [1, 2, 3, 4, 5, 6, 7]),
+                (["--duration", "80", "--timing", "ms"], [1, 2, 3, 4, 5, 6, 7])]
         for options, expected in rows:
             with self.subTest(options=options):
                 frames, summary = self.frames(path, "--max-gap", "0", *options)

@@ -103,6 +103,7 @@ struct PlayOptions {
     std::vector<std::int32_t> sourceTypes;
     std::int32_t seekFrame = 0;
     std::int64_t durationMs = -1;  // of recorded time; -1 plays to the end
+    std::string timing = "timeline";  // or "ms"
 };
 int runPlay(const PlayOptions& options);
 

@@ -19,6 +19,7 @@ namespace KorvaneLog {
 namespace {
 
 using Korvane::Logging::Playback::LogFilePlayer;
+using Korvane::Logging::Playback::PlaybackTiming;
 using Clock = std::chrono::steady_clock;
 
 // Prints the frames and keeps the account of the run. Frames arrive on the player's thread; the
@@ -57,6 +58,7 @@ public:
     }
 
     void deliver(std::int32_t frame, const DataEntry& entry) {
+        const Clock::time_point now = Clock::now();
         std::lock_guard<std::mutex> lock(mutex);
         if (finished) {
             return;
@@ -69,10 +71,12 @@ public:
             return;
         }
         playedMs = played;
+        latenessMs = std::chrono::duration<double, std::milli>(now - dueTime(frame, entry, now))
+                         .count();
         previous = entry.timestamp;
         ++delivered;
         lastFrame = frame;
-        lastDelivery = Clock::now();
+        lastDelivery = now;
         status.printAbove(table.formatRow(
             {std::to_string(frame), std::to_string(entry.entryId), localDateTime(entry.timestamp),
              clockTime(entry.timestamp - origin), sourceName(sources, entry.dataSourceId),
@@ -80,6 +84,12 @@ public:
         status.show(statusText(entry.timestamp));
         if (frame == frameCount - 1 && !options.loop) {
             finish();
+        }
+        doneWith = Clock::now();
+        if (delivered == 1) {
+            // Playback starts right after the first frame, shown by `seek`, and so does its
+            // schedule.
+            scheduleOrigin = doneWith;
         }
     }
 
@@ -112,6 +122,26 @@ public:
     }
 
 private:
+    // When a frame was due on a schedule kept here from the timestamps, the speed and the cap as
+    // timeline playback keeps it, so that the live line tells the lateness in either timing. A
+    // gap at the cap, a wrap's included, is due the cap after the previous frame was printed, and
+    // starts the schedule afresh. The first frame is on time.
+    Clock::time_point dueTime(std::int32_t frame, const DataEntry& entry, Clock::time_point now) {
+        if (delivered == 0) {
+            return now;
+        }
+        const std::int64_t gap = entry.timestamp - (frame == 0 ? 0 : previous);
+        if (gap >= options.maxGapMs) {
+            scheduleOrigin = doneWith + std::chrono::milliseconds(options.maxGapMs);
+            recordedSinceOriginMs = 0;
+            return scheduleOrigin;
+        }
+        recordedSinceOriginMs += gap;
+        const std::chrono::duration<double, std::milli> offset(double(recordedSinceOriginMs) /
+                                                               double(options.speed));
+        return scheduleOrigin + std::chrono::duration_cast<Clock::duration>(offset);
+    }
+
     void finish() {
         finished = true;
         changed.notify_all();
@@ -122,8 +152,11 @@ private:
         std::snprintf(speed, sizeof speed, "%gx", static_cast<double>(options.speed));
         const std::string frame =
             "frame " + std::to_string(lastFrame) + " of " + std::to_string(frameCount);
+        char late[32];
+        std::snprintf(late, sizeof late, "late %+.2f ms", latenessMs);
         return "\u25B6 " + clockTime(timestamp - origin) + " / " + clockTime(totalMs) + "  " +
-               frame + "  " + speed + (options.loop ? "  loop" : "") + "  (Ctrl-C stops)";
+               frame + "  " + speed + "  " + late + (options.loop ? "  loop" : "") +
+               "  (Ctrl-C stops)";
     }
 
     const PlayOptions& options;
@@ -142,6 +175,10 @@ private:
     std::int64_t previous = 0;
     Clock::time_point startedAt;
     Clock::time_point lastDelivery;
+    Clock::time_point doneWith;  // when the last frame was printed
+    Clock::time_point scheduleOrigin;
+    std::int64_t recordedSinceOriginMs = 0;
+    double latenessMs = 0;
 };
 
 // The player plays every entry when no source has one of the asked types; asking for a type
@@ -185,6 +222,8 @@ int runPlay(const PlayOptions& options) {
     player.seek(0, [&origin](std::int32_t, DataEntry entry) { origin = entry.timestamp; });
     sink.start(origin, frames, player.getTotalPlayTime());
     player.setPlaybackSpeedMultiplier(options.speed);
+    player.setPlaybackTiming(options.timing == "ms" ? PlaybackTiming::Milliseconds
+                                                    : PlaybackTiming::Timeline);
 
     const InterruptGuard interrupt;
     player.seek(options.seekFrame);

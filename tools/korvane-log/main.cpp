@@ -240,6 +240,10 @@ void addPlay(CLI::App& app, ChosenVerb& chosen) {
     verb->add_option("--seek", options->seekFrame, "Start at this frame")->check(numberFrom(0));
     verb->add_option("--duration", options->durationMs, "Stop after MS of recorded time")
         ->check(numberFrom(0));
+    verb->add_option("--timing", options->timing,
+                     "timeline (default): keep to the recorded schedule to the nanosecond; "
+                     "ms: wait in whole milliseconds")
+        ->check(CLI::IsMember({"timeline", "ms"}));
 }
 
 void addCheckAndRecover(CLI::App& app, ChosenVerb& chosen) {

@@ -85,7 +85,7 @@ pid_t runTool(const std::vector<std::string>& arguments, int outFd) {
 }
 
 void stopChild(pid_t pid) {
-    kill(pid, SIGINT);
+    kill(pid, SIGTERM);
     int status = 0;
     waitpid(pid, &status, 0);
 }

@@ -245,7 +245,7 @@ class ToolTest(unittest.TestCase):
                 ("--source-type 2 --source-type 3",
                  [i for i, e in numbered if e["source"] in ("gnss", "camera")]),
                 # Entry 6 is 35 ms after entry 5; entry 7 goes back in time and adds nothing.
-                ("--duration 35", [1, 2, 3, 4]), ("--duration 80", list(range(1, 8))),
+                ("--duration 35", [1, 2, 3, 4]), ("--duration 75", list(range(1, 8))),
                 ("--duration 80 --timing ms", list(range(1, 8)))]:
             lines = self.ok("play", path, "--max-gap", "0", *options.split()).decode().splitlines()
             first = 20 if "seek" in options else 0

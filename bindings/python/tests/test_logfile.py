@@ -1,0 +1,265 @@
+"""Writing, reading, annotating, deriving and following log files, and what fails how."""
+
+import dataclasses
+import gc
+import os
+import shutil
+import sqlite3
+import threading
+import time
+from contextlib import closing
+from itertools import islice
+from types import SimpleNamespace
+
+import pytest
+
+import korvane_logging as kl
+
+CAMERA_TYPE, LIDAR_TYPE, ENTRY_COUNT = 7, 9, 60
+
+
+@pytest.fixture(params=[0, 6], ids=["stored", "compressed"])
+def recording(tmp_path, request):
+    """Every third entry is the lidar's; payloads hold NUL and high bytes, every fifth is empty."""
+    entries, path = [], tmp_path / "recording.log"
+    with kl.LogFile.create(path, "recorder", "2.1", "Europe/Oslo", level=request.param) as log:
+        camera, lidar = log.add_source("camera", CAMERA_TYPE), log.add_source("lidar", LIDAR_TYPE)
+        for i in range(ENTRY_COUNT):
+            source = lidar if i % 3 == 0 else camera
+            entries.append(kl.Entry(i + 1, source.id, i % 4, 1_700_000_000_000 + 25 * i,
+                                    bytes((i * 7 + k) % 256 for k in range(i % 5 * 13))))
+            log.log(source, entries[-1].type, entries[-1].data, timestamp=entries[-1].timestamp)
+    return SimpleNamespace(path=path, camera=camera, lidar=lidar, entries=entries)
+
+
+@pytest.fixture
+def log(recording):
+    with kl.LogFile.open(recording.path) as opened:
+        yield opened
+
+
+# (what fails, the library's message, whether it is a failed look-up and so a KeyError)
+FAILURES = [
+    (lambda t: kl.LogFile.open(t.tmp / "missing.log"), "Log file does not exist.", False),
+    (lambda t: kl.LogFile.create(t.recording.path, "app", "1"),
+     "Cannot create file as file already exists.", False),
+    (lambda t: kl.LogFile.open(t.text), "This file is not in a supported log file format.", False),
+    (lambda t: kl.LogFile.create(t.tmp / "new.log", "app", "1", level=10),
+     "Invalid compression level, value must be in the range [0,9].", False),
+    (lambda t: t.opened.add_source("late", 1),
+     "Data sources cannot be added to pre-existing log files.", False),
+    (lambda t: t.opened.add_property(t.recording.camera, "late", 1),
+     "Data source properties cannot be added to pre-existing log files.", False),
+    (lambda t: t.opened.log(t.recording.camera, 0, b"late"),
+     "Data cannot be logged into pre-existing log files.", False),
+    (lambda t: t.fresh.log(42, 0, b"nobody"),
+     "Attempted to log data against a data source that did not exist in the file.", False),
+    (lambda t: t.fresh.add_property(42, "key", 1), "Attempted to add a data source property "
+     "for a data source that did not exist in the file.", False),
+    (lambda t: t.opened.add_bookmark(999, "nowhere"), "Unknown internal error", False),
+    (lambda t: t.opened.slice(2, 1, t.tmp / "slice.log"), "Failed to slice log file", False),
+    (lambda t: t.opened.clone(t.recording.path), "Failed to clone log file", False),
+    (lambda t: t.opened.read_entry(999), "The requested data entry does not exist.", True),
+    (lambda t: t.opened.metadata["nothing"], "The requested metadata does not exist.", True),
+    (lambda t: t.opened.resources["nothing"], "The requested resource does not exist.", True),
+    (lambda t: t.opened.get_property(t.recording.camera, "nothing"),
+     "The requested data source property does not exist.", True)]
+
+
+@pytest.mark.parametrize("action, message, lookup", FAILURES, ids=[f[1] for f in FAILURES])
+def test_failures_carry_the_library_message(log, recording, tmp_path, action, message, lookup):
+    (tmp_path / "notes.txt").write_text("not a database, only some words of text\n" * 20)
+    with kl.LogFile.create(tmp_path / "fresh.log", "app", "1") as fresh, \
+            pytest.raises(kl.LogError) as failure:
+        action(SimpleNamespace(recording=recording, tmp=tmp_path, opened=log, fresh=fresh,
+                               text=tmp_path / "notes.txt"))
+    assert (str(failure.value), failure.value.message, isinstance(failure.value, KeyError),
+            log.entry_count) == (message, message, lookup, ENTRY_COUNT)
+    assert not (tmp_path / "missing.log").exists() and not (tmp_path / "new.log").exists()
+
+
+SELECTIONS = [{}, {"types": [1]}, {"types": [0, 3, 3]}, {"sources": ["lidar"]},
+              {"sources": ["camera", "lidar"]}, {"source_types": [CAMERA_TYPE]},
+              {"types": [2], "source_types": [LIDAR_TYPE]}, {"types": [99]}]
+
+
+def expected(entries, first=-1, last=-1, types=(), sources=(), source_types=(), limit=-1):
+    kept = [e for e in entries if (first == -1 or e.id >= first) and (last == -1 or e.id <= last)
+            and (not types or e.type in types)
+            and (not sources or ("camera", "lidar")[e.source_id - 1] in sources)
+            and (not source_types or (CAMERA_TYPE, LIDAR_TYPE)[e.source_id - 1] in source_types)]
+    return kept if limit == -1 else kept[:limit]
+
+
+def named(log, selection):
+    names = selection.get("sources", [])
+    return {**selection, "sources": [s for s in log.sources if s.name in names]}
+
+
+@pytest.mark.parametrize("selection", SELECTIONS)
+def test_reads_give_what_was_logged(log, recording, selection):
+    entries = recording.entries
+    for window in [{}, {"first": 10, "last": 20}, {"first": 55}, {"last": 1}, {"limit": 4},
+                   {"first": 7, "last": 40, "limit": 3}, {"limit": 0}]:
+        assert log.read_entries(**named(log, selection), **window) == expected(
+            entries, **selection, **window), window
+    assert [e.id for e in expected(entries, **selection)] == log.entry_index(
+        **named(log, selection))
+    assert ([log.read_entry(i) for i in (1, 31, 60)], log.entry_count, log.first_entry_id,
+            log.last_entry_id, [(s.name, s.type) for s in log.sources]) == (
+                [entries[i - 1] for i in (1, 31, 60)], 60, 1, 60, [("camera", 7), ("lidar", 9)])
+
+
+# Ids missing from a file (written elsewhere) make the reader consult the index.
+@pytest.mark.parametrize("missing", [(), (1, 8, 9, 10, 11, 12, 13, 14, 15, 33, ENTRY_COUNT)])
+def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, monkeypatch):
+    shutil.copy(recording.path, tmp_path / "copy.log")
+    with closing(sqlite3.connect(tmp_path / "copy.log")) as database, database:
+        database.executemany("DELETE FROM data WHERE entryId = ?", [(i,) for i in missing])
+    kept, sizes = [e for e in recording.entries if e.id not in missing], []
+    chunk = kl.LogFile._entries_of
+    monkeypatch.setattr(kl.LogFile, "_entries_of", staticmethod(  # the entries of each read
+        lambda ids, *rest: sizes.append(len(ids)) or chunk(ids, *rest)))
+    with kl.LogFile.open(tmp_path / "copy.log") as log:
+        for selection in SELECTIONS:
+            assert list(log.iter_entries(first=3, chunk=7, **named(log, selection))) == expected(
+                kept, first=3, **selection)
+    assert max(sizes) == 7
+
+
+VALUES = [0, -5, 2**63 - 1, -2**63, 2**40, 3.0, -0.25, "", "12", "grüße", "tab\tand\nline"]
+
+
+def test_an_empty_file_and_annotations_come_back_as_given(tmp_path):
+    image = bytes(range(256)) * 40
+    with kl.LogFile.create(tmp_path / "fresh.log", "app", "1.0", "UTC") as log:
+        assert (log.entry_count, log.first_entry_id, log.last_entry_id, log.read_entries(),
+                log.entry_index(), log.sources) == (0, None, None, [], [], [])
+        gps, imu = log.add_source("gps", 3), log.add_source("imu", 4)
+        before = int(time.time() * 1000)  # an entry without timestamp is stamped now
+        log.log(gps, 0, b"tick")
+        assert before <= log.read_entry(1).timestamp <= int(time.time() * 1000)
+        for number, value in enumerate(VALUES):
+            log.add_metadata(f"mine{number}", value)
+            log.add_property(gps, f"setting{number}", value)
+        for value in [2**63, -2**63 - 1, b"bytes", None, [1]]:  # refused before the call
+            with pytest.raises((OverflowError, TypeError)):
+                log.add_metadata("bad", value)
+        log.add_property(imu, "axes", "xyz"), log.add_property(gps, "setting0", 20)
+        with pytest.raises(kl.LogError, match="^The metadata key 'mine0' exists already.$"):
+            log.add_metadata("mine0", "lee")
+        assert log.properties(imu.id) == [kl.Property(imu.id, "axes", "xyz")]
+        log.add_resource("thumbnail", image), log.add_resource("calibration", b"\x00\x01\x00")
+        with pytest.raises(kl.LogError, match="^The resource 'calibration' exists already.$"):
+            log.add_resource("calibration", b"other")
+        log.add_bookmark(1, "one", "look here", b"\xff\x00")
+        assert log.bookmarks == [kl.Bookmark(1, "one", "look here", b"\xff\x00")]
+        log.add_bookmark(1, "two"), log.update_bookmark(1, "renamed", "", b"new")
+        assert log.bookmarks == [kl.Bookmark(1, "renamed", "", b"new")] * 2
+        log.remove_bookmark(1)
+    with kl.LogFile.open(tmp_path / "fresh.log") as again:
+        assert (len(again.metadata), again.metadata.get("bad", 0), again.properties()[-1],
+                again.get_property(gps, "setting0"), dict(again.resources), again.bookmarks) == (
+                    17, 0, kl.Property(gps.id, "setting0", 20), 0,
+                    {"thumbnail": image, "calibration": b"\x00\x01\x00"}, [])
+        for number, value in enumerate(VALUES):
+            for read in (again.metadata[f"mine{number}"],
+                         again.get_property(gps, f"setting{number}")):
+                assert (type(read), read) == (type(value), value)
+
+
+@pytest.mark.parametrize("first, last", [(1, 60), (10, 35), (35, 35)])
+def test_slice_renumbers_the_range_and_keeps_the_rest(log, recording, tmp_path, first, last):
+    log.add_bookmark(35, "mark", "", b"\0\1")
+    with log.slice(first, last, tmp_path / "slice.log", level=0) as part:
+        assert (part.read_entries(), part.bookmarks, part.metadata["compressionLevel"],
+                part.metadata["applicationName"]) == ([dataclasses.replace(e, id=n) for n, e in
+                    enumerate(recording.entries[first - 1:last], 1)], [kl.Bookmark(
+                        36 - first, "mark", "", b"\0\1")], 0, "recorder")
+
+
+def test_clone_takes_new_entries_and_archives_the_old_identity(log, recording, tmp_path):
+    with log.clone(tmp_path / "clone.log", app_name="converter", app_version="3") as copy:
+        copy.log(recording.lidar, 5, b"appended", timestamp=1)
+        assert copy.read_entries() == recording.entries + [kl.Entry(61, 2, 5, 1, b"appended")]
+        assert (copy.metadata["applicationName"], copy.metadata["oldApplicationName"],
+                copy.metadata["oldApplicationVersion"]) == ("converter", "recorder", "2.1")
+
+
+def descriptors_and_memory():
+    with open("/proc/self/statm") as statm:
+        resident = int(statm.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+    return len(os.listdir("/proc/self/fd")), resident
+
+
+def test_closing_frees_descriptors_and_the_library_path_comes_before_the_environment(
+        recording, monkeypatch):
+    before = descriptors_and_memory()[0]
+    with pytest.raises(RuntimeError), kl.LogFile.open(recording.path) as log:
+        entry, bookmarks = log.read_entry(2), log.bookmarks
+        raise RuntimeError("leaves the block")
+    assert (log.closed, descriptors_and_memory()[0], entry, bookmarks) == (
+        True, before, recording.entries[1], [])
+    log.close()
+    with pytest.raises(ValueError, match="closed"):
+        log.read_entry(2)
+    built = os.environ["KORVANE_LOGGING_LIBRARY"]
+    monkeypatch.setenv("KORVANE_LOGGING_LIBRARY", "/nonexistent/libkorvane-logging.so")
+    with pytest.raises(OSError, match="nonexistent"):
+        kl.load()
+    kl.load(built)
+    with kl.LogFile.open(recording.path) as log:
+        assert log.read_entry(2) == entry
+
+
+def test_repeated_use_does_not_grow_memory_or_descriptors(tmp_path):
+    big = bytes(range(256)) * 64
+    for number in range(35):  # each round uses everything that hands out handles
+        if number == 5:  # after a warm-up
+            gc.collect()
+            descriptors, memory = descriptors_and_memory()
+        dropped = kl.LogFile.create(tmp_path / f"{number}.log", "app", "1")  # never closed
+        dropped.log(dropped.add_source("s", 1), 1, b"kept")
+        with kl.LogFile.create(tmp_path / f"{number}-round.log", "app", "1", level=1) as log:
+            a, b = log.add_source("a", 1), log.add_source("b", 2)
+            for index in range(40):
+                log.log((a, b)[index % 2], index % 3, big)
+            log.add_property(a, "k", 1.5), log.add_metadata("round", number)
+            log.add_resource("blob", big * 4), log.add_bookmark(5, "five", "comment", big)
+            with pytest.raises(kl.NotFoundError):
+                log.read_entry(999)
+            with log.slice(2, 30, tmp_path / f"{number}-slice.log") as part:
+                assert (len(log.read_entries(types=[1])), log.entry_index(sources=[b])[0],
+                        dict(log.metadata)["round"], len(dict(log.resources)), len(log.bookmarks),
+                        len(log.properties()), len(part.read_entries())) == (
+                            13, 2, number, 1, 1, 1, 29)
+    gc.collect()
+    now = descriptors_and_memory()  # a leaked handle per entry read would add over 20 MB
+    with kl.LogFile.open(tmp_path / "0.log") as first:  # closed whole by its finalizer
+        assert (now[0], now[1] - memory < 12 << 20, first.read_entry(1).data) == (
+            descriptors, True, b"kept")
+
+
+def test_follow_sees_every_new_entry_in_order_until_the_file_is_replaced(tmp_path):
+    path = tmp_path / "live.log"
+    with kl.LogFile.create(path, "recorder", "1", level=1) as writer:
+        sources = [writer.add_source("even", 1), writer.add_source("odd", 2)]
+
+        def write(ids):  # entry i (id i + 1) is of type i % 3, from "even" or "odd" by its parity
+            for i in ids:
+                writer.log(sources[i % 2], i % 3, b"entry %d" % i, timestamp=1000 + i)
+
+        write(range(20))
+        with kl.LogFile.open(path) as log:
+            fresh = log.follow(interval=0.002, idle_timeout=60)
+            odd = log.follow(first=1, source_types=[2], interval=0.002, idle_timeout=60)
+            (recorder := threading.Thread(target=write, args=(range(20, 320),))).start()
+            seen, seen_odd = list(islice(fresh, 300)), list(islice(odd, 160))
+            recorder.join()
+            assert list(log.follow(idle_timeout=0)) == []
+            (tmp_path / "other").write_bytes(b"another file")
+            os.replace(tmp_path / "other", path)
+            with pytest.raises(kl.LogError, match="replaced"):
+                next(fresh)
+    assert [(e.id, e.data) for e in seen] == [(i + 1, b"entry %d" % i) for i in range(20, 320)]
+    assert [(e.id, e.type) for e in seen_odd] == [(i + 1, i % 3) for i in range(1, 320, 2)]

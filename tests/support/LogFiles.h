@@ -14,12 +14,9 @@ inline void writeLogFileOfVersion(const std::string& path, int logVersion, int c
     for (const char* statement : Logging::Statements::schema) {
         database.exec(statement);
     }
-    if (logVersion >= 0) {
-        database.exec("INSERT INTO metadata VALUES ('logVersion', " + std::to_string(logVersion) +
-                      ");");
-    }
-    database.exec("INSERT INTO metadata VALUES ('compressionLevel', " +
-                  std::to_string(compressionLevel) + ");");
+    database.exec("INSERT INTO metadata VALUES " +
+                  (logVersion < 0 ? "" : "('logVersion', " + std::to_string(logVersion) + "), ") +
+                  "('compressionLevel', " + std::to_string(compressionLevel) + ");");
 }
 
 }  // namespace Korvane::Testing

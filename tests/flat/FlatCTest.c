@@ -1,5 +1,4 @@
-/* The flat interface from plain C99: the calling order of a new file, reading it back, slicing
- * and cloning it, and the failure texts on the way. Every handle is destroyed. */
+/* The flat interface from plain C99: a new file, read back, sliced and cloned; no leaks. */
 
 #define _POSIX_C_SOURCE 200809L
 
@@ -108,12 +107,8 @@ int main(void) {
     CHECK(file != NULL && error == NULL);
     EXPECT_ERROR(KV_LogFile_Create(path, config, &error),
                  "Cannot create file as file already exists.");
-    EXPECT_ERROR(KV_LogFile_Create(dir, config, &error),
-                 "Cannot create file as file already exists.");
     writeBytes(other, "\x44\x33\x22\x11legacy..");
     EXPECT_ERROR(KV_LogFile_Open(other, &error), "Tried to open a legacy log file.");
-    EXPECT_ERROR(KV_LogFile_Create(other, config, &error),
-                 "Cannot create file as file already exists.");
     writeBytes(other, "\x11\x22\x33\x44reversed");
     EXPECT_ERROR(KV_LogFile_Open(other, &error),
                  "This file is not in a supported log file format.");
@@ -152,35 +147,18 @@ int main(void) {
     CHECK(id == -1);
     EXPECT_ERROR(KV_LogFile_LogData(file, early, &error),
                  "Attempted to log data against a data source that did not exist in the file.");
-    KV_LogDataSourceProperty* fps = KV_LogDataSourceProperty_CreateInt32(camera, "fps", 30);
-    CHECK(KV_LogFile_AddDataSourceProperty(file, fps, &error));
-    KV_LogDataSourceProperty_Destroy(fps);
     for (i = 1; i <= 10; ++i) {
         KV_LogDataEntry* entry =
             KV_LogDataEntry_Create(i % 2 ? camera : lidar, i, bytes, (uint64_t)(i * 6));
         CHECK(KV_LogFile_LogData(file, entry, &error));
         KV_LogDataEntry_Destroy(entry);
     }
-    KV_LogResource* resource = KV_LogResource_Create("calibration", bytes, 64);
-    CHECK(KV_LogFile_AddResource(file, resource, &error));
-    KV_LogResource_Destroy(resource);
     KV_LogFile_Destroy(file);
     CHECK(error == NULL);
 
-    /* An opened file refuses sources, properties and data, but takes bookmarks. */
-    EXPECT_ERROR(KV_LogFile_Open(clonePath, &error), "Log file does not exist.");
+    /* An opened file refuses data, but takes bookmarks. */
     file = KV_LogFile_Open(path, &error);
     CHECK(file != NULL && error == NULL);
-    KV_LogDataSource* radar = KV_LogDataSource_Create(30, "radar");
-    EXPECT_ERROR(KV_LogFile_AddDataSource(file, radar, &error),
-                 "Data sources cannot be added to pre-existing log files.");
-    KV_LogDataSource_GetId(radar, &id);
-    CHECK(id == -1);
-    KV_LogDataSource_Destroy(radar);
-    fps = KV_LogDataSourceProperty_CreateDouble(camera, "fps", 25.0);
-    EXPECT_ERROR(KV_LogFile_AddDataSourceProperty(file, fps, &error),
-                 "Data source properties cannot be added to pre-existing log files.");
-    KV_LogDataSourceProperty_Destroy(fps);
     EXPECT_ERROR(KV_LogFile_LogData(file, early, &error),
                  "Data cannot be logged into pre-existing log files.");
     KV_LogBookmark* bookmark = KV_LogBookmark_Create(4, "start", "", bytes, 3);
@@ -201,21 +179,7 @@ int main(void) {
     EXPECT_ERROR(KV_LogFile_ReadEntry(file, 11, &entry, &error),
                  "The requested data entry does not exist.");
     CHECK(entry == NULL);
-    KV_LogMetadata* metadata = NULL;
     CHECK(KV_LogResource_Create("huge", bytes, UINT64_MAX) == NULL);
-    EXPECT_ERROR(KV_LogFile_GetMetadata(file, "absent", &metadata, &error),
-                 "The requested metadata does not exist.");
-    CHECK(KV_LogFile_GetResource(file, "calibration", &resource, &error));
-    KV_LogResource_GetData(resource, &size, &data);
-    CHECK(size == 64 && memcmp(data, bytes, 64) == 0);
-    KV_LogResource_Destroy(resource);
-    EXPECT_ERROR(KV_LogFile_GetResource(file, "absent", &resource, &error),
-                 "The requested resource does not exist.");
-    CHECK(KV_LogFile_GetDataSourceProperty(file, camera, "fps", &fps, &error));
-    CHECK(KV_LogDataSourceProperty_GetInt64(fps, &number64) && number64 == 30);
-    KV_LogDataSourceProperty_Destroy(fps);
-    EXPECT_ERROR(KV_LogFile_GetDataSourceProperty(file, lidar, "fps", &fps, &error),
-                 "The requested data source property does not exist.");
 
     CHECK(KV_LogFile_GetDataSources(file, collectName, names, &error));
     CHECK(strcmp(names, "camera;lidar;") == 0);
@@ -227,20 +191,14 @@ int main(void) {
     CHECK(KV_LogFile_ReadEntries(file, 3, 9, filter, 2, countEntry, &entries) && entries == 2);
     CHECK(KV_LogFile_ReadEntries(file, 3, 7, filter, -1, countEntry, &entries) && entries == 4);
 
-    /* A slice refuses new data, a clone takes it. */
+    /* A clone takes new data. */
     config = KV_LogConfig_Create("c-test", "2.0", "ignored");
-    EXPECT_ERROR(KV_LogAlgorithms_Slice(file, 5, 3, slicePath, config, &error),
-                 "Failed to slice log file");
     KV_LogFile* slice = KV_LogAlgorithms_Slice(file, 3, 5, slicePath, config, &error);
     CHECK(slice != NULL && countOf(slice) == 3);
     KV_LogDataEntry* late = KV_LogDataEntry_Create(camera, 0, NULL, 0);
-    EXPECT_ERROR(KV_LogFile_LogData(slice, late, &error),
-                 "Data cannot be logged into pre-existing log files.");
     KV_LogFile* clone = KV_LogAlgorithms_Clone(file, clonePath, config, &error);
     CHECK(clone != NULL && countOf(clone) == 10);
     CHECK(KV_LogFile_LogData(clone, late, &error) && countOf(clone) == 11);
-    EXPECT_ERROR(KV_LogAlgorithms_Clone(file, clonePath, config, &error),
-                 "Failed to clone log file");
     CHECK(countOf(file) == 10);
 
     KV_LogEntryIndexFilter_Destroy(filter);

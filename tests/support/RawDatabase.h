@@ -42,10 +42,9 @@ public:
             auto& row = result.emplace_back();
             for (int i = 0; i < sqlite3_column_count(statement); ++i) {
                 const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, i));
-                row.push_back(sqlite3_column_type(statement, i) == SQLITE_NULL
-                                  ? "NULL"
-                                  : std::string(bytes ? bytes : "",
-                                                std::size_t(sqlite3_column_bytes(statement, i))));
+                row.push_back(bytes ? std::string(bytes, sqlite3_column_bytes(statement, i))
+                              : sqlite3_column_type(statement, i) == SQLITE_NULL ? "NULL"
+                                                                                 : "");
             }
         }
         sqlite3_finalize(statement);

@@ -21,10 +21,7 @@ protected:
               ("korvane-test-" + std::to_string(seed()) + "-" + std::to_string(seed()));
         std::filesystem::create_directories(dir);
     }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir, ignored);
-    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
     std::string path(const std::string& name) const { return (dir / name).string(); }
 
     std::filesystem::path dir;

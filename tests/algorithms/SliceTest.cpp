@@ -8,9 +8,8 @@
 namespace Korvane::Logging::Algorithms {
 namespace {
 
-// A source file with two sources (one without entries) with a property each, metadata, a
-// resource, a thumbnail, entries 5, 6 and 9 of type 10 * id, and bookmarks on 4 to 10 where
-// 4, 7 and 10 have no entry, as a file from elsewhere may have them.
+// Two sources (one without entries), entries 5, 6 and 9 of type 10 * id, and bookmarks on 4 to
+// 10 where 4, 7 and 10 have no entry.
 class SliceTest : public Testing::TempDirTest {
 protected:
     void SetUp() override {
@@ -106,8 +105,7 @@ TEST_F(SliceTest, RangesAndPathsThatDoNotFitGiveNothing) {
     EXPECT_EQ(clone(*source, path("source.log"), "a", "b", 0), nullptr);
     EXPECT_EQ(clone(*source, path("missing/dir/x.log"), "a", "b", 0), nullptr);
     EXPECT_EQ(source->getEntryCount(), 3) << "an existing file is never touched";
-    // Without a path: next to the source, stepping over whatever stands there, even a dangling
-    // link.
+    // Without a path: next to the source, stepping over anything there, even a dangling link.
     EXPECT_EQ(clone(*source, "", "a", "b", 0)->getFilePath(), dir / "source_exported.log");
     std::filesystem::create_symlink(dir / "nowhere", dir / "source_exported_1.log");
     EXPECT_EQ(clone(*source, "", "a", "b", 0)->getFilePath(), dir / "source_exported_2.log");

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <thread>
 
@@ -33,22 +32,16 @@ protected:
 TEST_F(DatabaseTest, ValuesKeepTheirKindThroughBindAndRead) {
     const std::string text("it's; \"quoted\"\0and more", 23);
     const ByteArray bytes = {0, 1, 2, 255};
-    SqliteQuery insert(*db,
-                       "INSERT INTO item VALUES (1, :a), (1, :b), (1, :c), (1, :d), (1, :e), "
-                       "(1, :f);");
-    insert.bindParameter(":a", std::int32_t{-7});
-    insert.bindParameter(":b", std::int64_t{1} << 40);
-    insert.bindParameter(":c", 3.0);
-    insert.bindParameter(":d", text, SqliteQuery::BindMode::NoCopy);
-    insert.bindParameter(":e", bytes, SqliteQuery::BindMode::Copy);
-    // An empty array is an empty blob, which the NOT NULL column accepts.
-    insert.bindParameter(":f", ByteArray{}, SqliteQuery::BindMode::Copy);
+    SqliteQuery insert(*db, "INSERT INTO item VALUES (1, :a), (1, :b), (1, :c), (1, :d);");
+    insert.bindParameter(":a", std::int64_t{1} << 40);
+    insert.bindParameter(":b", text, SqliteQuery::BindMode::NoCopy);
+    insert.bindParameter(":c", bytes, SqliteQuery::BindMode::Copy);
+    insert.bindParameter(":d", ByteArray{}, SqliteQuery::BindMode::Copy);
     ASSERT_EQ(insert.executeStep(), SqliteQuery::Done) << db->getLastErrorCode();
     SqliteQuery select(*db, "SELECT value FROM item ORDER BY rowid;");
     EXPECT_FALSE(select.getValueFromColumn(0).has_value()) << "no row is current yet";
-    for (const ColumnValue& expected :
-         {ColumnValue{std::int64_t{-7}}, ColumnValue{std::int64_t{1} << 40}, ColumnValue{3.0},
-          ColumnValue{text}, ColumnValue{bytes}, ColumnValue{ByteArray{}}}) {
+    for (const ColumnValue& expected : {ColumnValue{std::int64_t{1} << 40}, ColumnValue{text},
+                                        ColumnValue{bytes}, ColumnValue{ByteArray{}}}) {
         ASSERT_EQ(select.executeStep(), SqliteQuery::Row);
         EXPECT_EQ(select.getValueFromColumn(0), std::optional<ColumnValue>(expected));
     }
@@ -57,26 +50,8 @@ TEST_F(DatabaseTest, ValuesKeepTheirKindThroughBindAndRead) {
     EXPECT_FALSE(select.bindParameter(":limit", 5)) << "a name the statement lacks";
 }
 
-// Another connection holds the file, as another process would: one that writes needs it alone,
-// one that reads shares it but keeps a writer from committing. Both are waited for.
-TEST_F(DatabaseTest, LocksOfOtherConnectionsAreWaitedFor) {
-    for (const char* hold : {"BEGIN EXCLUSIVE; INSERT INTO parent VALUES (4);",
-                             "BEGIN; SELECT COUNT(*) FROM parent;"}) {
-        RawDatabase other(path("test.db"));
-        other.exec(hold);
-        std::thread release([&other] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            other.exec("COMMIT;");
-        });
-        SqliteQuery insert(*db, "INSERT INTO item VALUES (1, 'waited');");
-        EXPECT_EQ(insert.executeStep(), SqliteQuery::Done) << hold << db->getLastErrorCode();
-        release.join();
-    }
-    EXPECT_EQ(outside("SELECT COUNT(*) FROM item;"), "2");
-}
-
-// The size of a file opened for writing runs ahead of its pages, in whole MiB, so that a commit
-// cut off by a kill never leaves a header that counts pages past the end of the file.
+// A file opened for writing grows in whole MiB ahead of its pages, so a killed commit never
+// leaves a header that counts pages past the end of the file.
 TEST_F(DatabaseTest, FilesOpenedForWritingGrowAheadOfTheirPages) {
     for (const std::size_t bytes : {100u, 300'000u, 1'500'000u}) {
         SqliteQuery insert(*db, "INSERT INTO item VALUES (1, :value);");

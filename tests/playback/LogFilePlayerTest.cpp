@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <numeric>
 #include <thread>
 
 #include "RawDatabase.h"
@@ -20,15 +21,12 @@ constexpr std::int64_t baseTime = 1'700'000'000'000;
 constexpr std::int32_t longCap = 60'000;
 
 Frames range(std::int32_t first, std::int32_t last) {
-    Frames numbers;
-    for (std::int32_t n = first; n <= last; ++n) {
-        numbers.push_back(n);
-    }
+    Frames numbers(std::size_t(last - first + 1));
+    std::iota(numbers.begin(), numbers.end(), first);
     return numbers;
 }
 
-// Collects the frames a player delivers, from whichever thread, and lets the test wait for them.
-// It must outlive every player that holds its callback.
+// Collects the frames a player delivers, from whichever thread; it outlives the players.
 struct FrameRecorder {
     struct Delivery {
         std::int32_t frame;
@@ -42,7 +40,7 @@ struct FrameRecorder {
             arrived.notify_all();
         };
     }
-    // Waits until `count` frames have arrived in all; false if they don't in a generous time.
+    // Waits, a generous time at most, until `count` frames have arrived in all.
     bool waitForCount(std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex);
         return arrived.wait_for(lock, std::chrono::seconds(20),
@@ -68,8 +66,7 @@ struct FrameRecorder {
 
 class PlayerTest : public Testing::TempDirTest {
 protected:
-    // A compressed file with sources 1 (A), 2 (B) and 3 (A), and entry i + 1 from `sources[i]`
-    // (1 where none is given) at `timestamps[i]`, whose payload tells it apart.
+    // Sources 1 (A), 2 (B), 3 (A); entry i + 1 from `sources[i]` (or 1) at `timestamps[i]`.
     std::unique_ptr<SqliteLogFile> record(const std::vector<std::int64_t>& timestamps,
                                           const std::vector<std::int8_t>& sources = {}) {
         name = path(std::to_string(++files));
@@ -84,12 +81,9 @@ protected:
         }
         return file;
     }
-    // `count` frames 1 ms apart.
     std::unique_ptr<SqliteLogFile> frames(int count) {
-        std::vector<std::int64_t> timestamps;
-        for (int i = 0; i < count; ++i) {
-            timestamps.push_back(baseTime + i);
-        }
+        std::vector<std::int64_t> timestamps(std::size_t(count), baseTime);
+        std::iota(timestamps.begin(), timestamps.end(), baseTime);
         return record(timestamps);
     }
 
@@ -141,8 +135,7 @@ TEST_F(PlayerTest, TypeListSelectsSourcesAndFramesAndBookmarksMapToTheirFrame) {
               -1);
 }
 
-// The tests of timed playback run in both timings, which must deliver the same frames in the same
-// order under the same numbers.
+// Both timings must deliver the same frames in the same order.
 class TimedPlaybackTest : public PlayerTest, public testing::WithParamInterface<PlaybackTiming> {
 protected:
     LogFilePlayer timed(std::unique_ptr<SqliteLogFile> file, FrameRecorder& recorder,
@@ -193,7 +186,6 @@ TEST_P(TimedPlaybackTest, StopDuringAWaitSkipsTheWaitingFrame) {
               recorder, longCap);
     const auto start = std::chrono::steady_clock::now();
     player.play();  // frame 1 waits the whole cap
-    player.play();  // already playing: neither a second thread nor a join
     player.stop();
     player.play();  // frame 2 comes 1 ms later, frame 3 only after 50 s
     ASSERT_TRUE(recorder.waitForCount(1));
@@ -208,8 +200,7 @@ TEST_P(TimedPlaybackTest, StopDuringAWaitSkipsTheWaitingFrame) {
 TEST_P(TimedPlaybackTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
     for (const std::int32_t target : {0, 2, 4, -1, 5}) {  // the last two are out of range
         const bool inRange = target >= 0 && target < 5;
-        // Under a long cap, only a seek that measures the next gap from its own frame lets the
-        // following frames come at once; the first frame of a new player waits the whole cap.
+        // Under a long cap the frames after a seek come at once only if it resets the gap.
         FrameRecorder recorder;
         LogFilePlayer player = timed(frames(5), recorder, inRange ? longCap : 0);
         player.seek(target);
@@ -227,8 +218,7 @@ TEST_P(TimedPlaybackTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
     }
 }
 
-// A frame that reads as nothing ends a run and is not delivered; one whose read throws does
-// the same on the playback thread, and raises from seek and getTotalPlayTime.
+// A frame that reads as nothing or throws ends a run; seek and getTotalPlayTime raise.
 TEST_P(TimedPlaybackTest, UnreadableFramesEndTheRunAndAreNotDelivered) {
     FrameRecorder recorder;
     LogFilePlayer player = timed(frames(7), recorder, 0);
@@ -271,8 +261,7 @@ TEST_F(PlayerTest, TotalPlayTimeSpansThePlayersFramesAndKeepsThePosition) {
     EXPECT_EQ(own.frames(), Frames{0});
 }
 
-// A file in which a camera (type A) and an IMU (type B) log in turns, 1 ms apart, is played in a
-// loop while its bookmarks change: the camera's entries have odd ids, the IMU's even ones.
+// Camera (A, odd ids) and IMU (B, even ids) in turns, played in a loop while bookmarks change.
 TEST_F(PlayerTest, BookmarksChangeWhileThePlaybackThreadReads) {
     constexpr int frameCount = 20;
     std::vector<std::int64_t> timestamps;

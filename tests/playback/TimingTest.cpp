@@ -14,11 +14,8 @@ constexpr std::int64_t int64Min = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t ms = 1'000'000;
 const float nan = std::nanf("");
 
-// Rows: scaled and carried; 499.5 rounds up; at the cap neither scaled nor carried; the cap
-// limits the recorded gap, not the scaled one; negative halves round away from zero; running
-// backwards means no wait; a cap of 0 takes every non-negative gap; the gap passes through single
-// precision; saturation both ways; a multiplier of 0; 0 / 0 is no number and counts as no delay,
-// as NaN does.
+// The cap limits the recorded gap and is neither scaled nor carried; halves round away from
+// zero; 0 / 0 and NaN mean no delay.
 TEST(FrameTimingTest, DelayCapsScalesRoundsAndSubtractsCarry) {
     struct Row {
         std::int64_t gap;
@@ -69,20 +66,12 @@ TEST(TimelineScheduleTest, DueTimesAccumulateWithoutRounding) {
     std::int64_t due = 0;
     for (int frame = 1; frame <= 1000; ++frame) {
         due = schedule.nextDueNs(1, 1000, 3.0f, 0);
-        if (frame == 3) {
-            EXPECT_EQ(due, 7 + ms);  // not three times 333,333
-        }
     }
     EXPECT_EQ(due, 7 + 333'333'333);
 }
 
-// Steps from an origin at 1 s: frames are due counted from the origin, though ready later
-// (reading comes off the wait), and earlier when time runs backwards. A new rate counts from the
-// previous due time, or from now when that has passed. At the cap: exactly the cap from now,
-// unscaled, and the next frames count from there, also when they are late. A cap of 0 takes every
-// gap that is not negative, nor does a negative cap wait. No waits below 0 or under NaN, and no
-// rush to make up afterwards. At 0, frames that go back in time come at once and the next later
-// one waits forever. The last step saturates instead of overflowing.
+// Frames are due counted from the origin at 1 s; a new rate counts from the previous due time
+// or from now; a cap, a negative or NaN multiplier and 0 restart the schedule.
 TEST(TimelineScheduleTest, CapsRatesAndOddMultipliersStartTheScheduleAfresh) {
     struct Step {
         std::int64_t gapMs;

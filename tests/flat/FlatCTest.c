@@ -126,6 +126,8 @@ int main(void) {
     KV_LogError_GetErrorMessage(error, &lastError);
     char firstText[128];
     snprintf(firstText, sizeof firstText, "%s", lastError);
+    KV_LogError_Destroy(error);
+    error = NULL;
     EXPECT_ERROR(KV_LogFile_GetDataSources(file, collectName, names, &error), firstText);
     EXPECT_ERROR(KV_LogFile_GetEntryIndex(file, filter, touchEntry, file, &error), firstText);
     CHECK(KV_LogFile_GetBookmarks(file, countMark, &entries));

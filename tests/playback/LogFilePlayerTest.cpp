@@ -1,103 +1,117 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdint>
-#include <functional>
-#include <memory>
+#include <atomic>
+#include <condition_variable>
+#include <numeric>
 #include <thread>
-#include <vector>
 
-#include "FakeLogFile.h"
-#include "FrameRecorder.h"
+#include "RawDatabase.h"
+#include "TempDir.h"
 #include "playback/LogFilePlayer.h"
+#include "sqlite/SqliteLogFile.h"
 
+namespace Korvane::Logging::Playback {
 namespace {
 
-using Korvane::Logging::DataEntry;
-using Korvane::Logging::Playback::LogFilePlayer;
-using Korvane::Logging::Playback::PlaybackTiming;
-using Korvane::Testing::FakeLogFile;
-using Korvane::Testing::FrameRecorder;
 using Frames = std::vector<std::int32_t>;
-
 constexpr KV_LogDataSourceType typeA{1};
 constexpr KV_LogDataSourceType typeB{2};
 // Far above the long cap, so that the first frame of a new player waits the whole cap.
 constexpr std::int64_t baseTime = 1'700'000'000'000;
 constexpr std::int32_t longCap = 60'000;
 
-// One source of type A with an entry for each timestamp.
-std::unique_ptr<FakeLogFile> fileWith(const std::vector<std::int64_t>& timestamps) {
-    auto file = std::make_unique<FakeLogFile>();
-    const std::int8_t source = file->addSource(typeA);
-    for (std::int64_t timestamp : timestamps) {
-        file->addEntry(source, timestamp);
-    }
-    return file;
-}
-
-// `count` frames 1 ms apart.
-std::unique_ptr<FakeLogFile> fileWithFrames(int count) {
-    std::vector<std::int64_t> timestamps;
-    for (int i = 0; i < count; ++i) {
-        timestamps.push_back(baseTime + i);
-    }
-    return fileWith(timestamps);
-}
-
-// Sources 1 (A), 2 (B), 3 (A); entries 1 to 5 from sources 1, 2, 3, 1, 2.
-std::unique_ptr<FakeLogFile> fileWithThreeSources() {
-    auto file = std::make_unique<FakeLogFile>();
-    const std::int8_t ids[] = {file->addSource(typeA), file->addSource(typeB),
-                               file->addSource(typeA)};
-    for (int source : {0, 1, 2, 0, 1}) {
-        file->addEntry(ids[source], baseTime + source);
-    }
-    return file;
-}
-
 Frames range(std::int32_t first, std::int32_t last) {
-    Frames numbers;
-    for (std::int32_t n = first; n <= last; ++n) {
-        numbers.push_back(n);
-    }
+    Frames numbers(std::size_t(last - first + 1));
+    std::iota(numbers.begin(), numbers.end(), first);
     return numbers;
 }
 
-// The tests of timed playback run in both timings, which must deliver the same frames in the same
-// order under the same numbers.
-class TimedPlaybackTest : public testing::TestWithParam<PlaybackTiming> {
-protected:
-    LogFilePlayer timed(LogFilePlayer player) {
-        player.setPlaybackTiming(GetParam());
-        return player;
+// Collects the frames a player delivers, from whichever thread; it outlives the players.
+struct FrameRecorder {
+    struct Delivery {
+        std::int32_t frame;
+        DataEntry entry;
+        bool onCallersThread;
+    };
+    FrameCallback callback() {
+        return [this](std::int32_t frame, DataEntry entry) {
+            std::lock_guard<std::mutex> lock(mutex);
+            delivered.push_back({frame, std::move(entry), std::this_thread::get_id() == caller});
+            arrived.notify_all();
+        };
     }
+    // Waits, a generous time at most, until `count` frames have arrived in all.
+    bool waitForCount(std::size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, std::chrono::seconds(20),
+                                [&] { return delivered.size() >= count; });
+    }
+    std::vector<Delivery> deliveries() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return delivered;
+    }
+    Frames frames() {
+        Frames numbers;
+        for (const auto& delivery : deliveries()) {
+            numbers.push_back(delivery.frame);
+        }
+        return numbers;
+    }
+
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<Delivery> delivered;
+    const std::thread::id caller = std::this_thread::get_id();
 };
 
-INSTANTIATE_TEST_SUITE_P(BothTimings, TimedPlaybackTest,
-                         testing::Values(PlaybackTiming::Milliseconds, PlaybackTiming::Timeline),
-                         [](const testing::TestParamInfo<PlaybackTiming>& info) {
-                             return info.param == PlaybackTiming::Timeline ? "Timeline"
-                                                                           : "Milliseconds";
-                         });
+class PlayerTest : public Testing::TempDirTest {
+protected:
+    // Sources 1 (A), 2 (B), 3 (A); entry i + 1 from `sources[i]` (or 1) at `timestamps[i]`.
+    std::unique_ptr<SqliteLogFile> record(const std::vector<std::int64_t>& timestamps,
+                                          const std::vector<std::int8_t>& sources = {}) {
+        name = path(std::to_string(++files));
+        auto file = std::make_unique<SqliteLogFile>(name, "", "", "", 3, 0);
+        for (const KV_LogDataSourceType type : {typeA, typeB, typeA}) {
+            DataSource source{-1, type, "s"};
+            EXPECT_TRUE(file->addDataSource(source));
+        }
+        for (std::size_t i = 0; i < timestamps.size(); ++i) {
+            const std::int8_t source = i < sources.size() ? sources[i] : 1;
+            EXPECT_TRUE(file->logData({0, source, 0, {std::uint8_t(i + 1), 0xAB}, timestamps[i]}));
+        }
+        return file;
+    }
+    std::unique_ptr<SqliteLogFile> frames(int count) {
+        std::vector<std::int64_t> timestamps(std::size_t(count), baseTime);
+        std::iota(timestamps.begin(), timestamps.end(), baseTime);
+        return record(timestamps);
+    }
 
-TEST(LogFilePlayerTest, TypeListSelectsSourcesAndFramesWithoutReading) {
+    std::string name;  // of the latest file
+    int files = 0;
+};
+
+TEST_F(PlayerTest, TypeListSelectsSourcesAndFramesAndBookmarksMapToTheirFrame) {
     struct Row {
         std::vector<KV_LogDataSourceType> types;
         std::vector<std::int8_t> sources;
         Frames entryIds;
+        Frames bookmarkFrames;  // of bookmarks on entries 5, 1, 2, 3, 4 and 9
     };
     const Row rows[] = {
-        {{typeA}, {1, 3}, {1, 3, 4}},
-        {{typeB, typeA}, {1, 2, 3}, {1, 2, 3, 4, 5}},
-        {{}, {}, {1, 2, 3, 4, 5}},  // no source left means no restriction
-        {{KV_LogDataSourceType{9}}, {}, {1, 2, 3, 4, 5}},
+        {{typeA}, {1, 3}, {1, 3, 4}, {2, 0, 1, 1, 2, 2}},
+        {{typeB}, {2}, {2, 5}, {1, 0, 0, 1, 1, 1}},
+        {{typeB, typeA}, {1, 2, 3}, {1, 2, 3, 4, 5}, {4, 0, 1, 2, 3, 4}},
+        {{KV_LogDataSourceType{9}}, {}, {1, 2, 3, 4, 5}, {4, 0, 1, 2, 3, 4}},  // no restriction
     };
     for (const Row& row : rows) {
-        auto file = fileWithThreeSources();
-        const FakeLogFile& fake = *file;
+        auto file = record({1, 2, 3, 4, 5}, {1, 2, 3, 1, 2});
+        Testing::RawDatabase(name).exec(
+            "INSERT INTO bookmarks VALUES (5, 't', 'c', NULL), (1, 't', 'c', NULL), (2, 't', 'c', "
+            "NULL), (3, 't', 'c', NULL), (4, 't', 'c', NULL), (9, 't', 'c', NULL);");
         LogFilePlayer player(std::move(file), row.types, {}, false, 0);
-        EXPECT_EQ(fake.reads, 0);
+        player.play();  // without a frame callback nothing starts
+        EXPECT_THROW(player.seek(0), std::bad_function_call);
         std::vector<std::int8_t> sources;
         for (const auto& source : player.getDataSources()) {
             sources.push_back(source.id);
@@ -108,135 +122,70 @@ TEST(LogFilePlayerTest, TypeListSelectsSourcesAndFramesWithoutReading) {
             player.seek(frame, [&](std::int32_t, DataEntry e) { entryIds.push_back(e.entryId); });
         }
         EXPECT_EQ(entryIds, row.entryIds);
-    }
-}
-
-TEST(LogFilePlayerTest, BookmarksMapToTheNextFrameInFileOrder) {
-    struct Row {
-        KV_LogDataSourceType type;
-        Frames bookmarkedEntries;
-        Frames frameNumbers;
-    };
-    const Row rows[] = {
-        {typeA, {5, 1, 2, 3, 4}, {2, 0, 1, 1, 2}},  // frames are entries 1, 3, 4
-        {typeB, {1, 2, 3, 5}, {0, 0, 1, 1}},        // frames are entries 2, 5
-    };
-    for (const Row& row : rows) {
-        auto file = fileWithThreeSources();
-        for (std::int32_t entryId : row.bookmarkedEntries) {
-            file->bookmarks.push_back({entryId, "title", "comment", {1, 2, 3}});
-        }
-        LogFilePlayer player(std::move(file), {row.type}, {}, false, 0);
-        Frames entries;
         Frames frames;
         for (const auto& bookmark : player.getBookmarks()) {
-            entries.push_back(bookmark.entryId);
             frames.push_back(bookmark.frameNumber);
-            EXPECT_EQ(bookmark.title + bookmark.comment, "titlecomment");
-            EXPECT_TRUE(bookmark.payload.empty());
+            EXPECT_EQ(bookmark.title + bookmark.comment, "tc");
         }
-        EXPECT_EQ(entries, row.bookmarkedEntries);
-        EXPECT_EQ(frames, row.frameNumbers);
+        EXPECT_EQ(frames, row.bookmarkFrames);
     }
-    auto empty = std::make_unique<FakeLogFile>();
-    empty->bookmarks.push_back({3, "orphan", "", {}});
-    LogFilePlayer player(std::move(empty), {}, {}, false, 0);
-    EXPECT_EQ(player.getBookmarks().at(0).frameNumber, -1);
+    auto empty = record({});
+    Testing::RawDatabase(name).exec("INSERT INTO bookmarks VALUES (3, 'orphan', '', NULL);");
+    EXPECT_EQ(LogFilePlayer(std::move(empty), {}, {}, false, 0).getBookmarks().at(0).frameNumber,
+              -1);
 }
 
-TEST_P(TimedPlaybackTest, PlaysFramesAfterThePositionInOrderThenEnds) {
+// Both timings must deliver the same frames in the same order.
+class TimedPlaybackTest : public PlayerTest, public testing::WithParamInterface<PlaybackTiming> {
+protected:
+    LogFilePlayer timed(std::unique_ptr<SqliteLogFile> file, FrameRecorder& recorder,
+                        std::int32_t cap) {
+        LogFilePlayer player(std::move(file), {typeA}, recorder.callback(), false, cap);
+        player.setPlaybackTiming(GetParam());
+        return player;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(BothTimings, TimedPlaybackTest,
+                         testing::Values(PlaybackTiming::Milliseconds, PlaybackTiming::Timeline),
+                         [](const auto& info) {
+                             return info.param == PlaybackTiming::Timeline ? "Timeline"
+                                                                           : "Milliseconds";
+                         });
+
+TEST_P(TimedPlaybackTest, PlaysFramesAfterThePositionInOrderThenEndsOrLoops) {
     FrameRecorder recorder;
-    auto file = fileWithFrames(5);
-    const FakeLogFile& fake = *file;
     // Gaps of 1 ms are scaled; the first frame and each wrap wait the cap of 3 ms.
-    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 3});
+    LogFilePlayer player = timed(frames(5), recorder, 3);
     player.stop();  // never played: nothing to do
     player.play();
     player.play();  // already playing: no second thread
     ASSERT_TRUE(recorder.waitForCount(4));
     player.stop();
+    player.play();  // past the end a run ends at once, however often it is tried
+    player.play();
     player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), range(1, 4));
-    for (const auto& delivery : recorder.deliveries()) {
-        const auto id = std::uint8_t(delivery.entry.entryId);
-        EXPECT_NE(delivery.thread, std::this_thread::get_id());
-        EXPECT_EQ(delivery.entry.data, (std::vector<std::uint8_t>{id, 0xAB}));
-        EXPECT_EQ(delivery.entry.timestamp, baseTime + delivery.frameNumber);
-    }
-
-    // Past the end a run reads nothing and ends at once, however often it is tried.
-    const int readsAtEnd = fake.reads;
-    for (int i = 0; i < 2; ++i) {
-        player.play();
-        player.stop();
-    }
-    EXPECT_EQ(fake.reads, readsAtEnd);
-
+    EXPECT_EQ(recorder.frames(), range(1, 4));
+    EXPECT_FALSE(recorder.deliveries().at(0).onCallersThread);
     // Looping switched on after the end restarts from frame 0 and wraps again.
     player.setLoopPlayback(true);
     player.play();
     ASSERT_TRUE(recorder.waitForCount(4 + 7));
     player.stop();
-    const Frames frames = recorder.frameNumbers();
+    const Frames frames = recorder.frames();
     EXPECT_EQ(Frames(frames.begin() + 4, frames.begin() + 11), (Frames{0, 1, 2, 3, 4, 0, 1}));
     for (std::size_t i = 5; i < frames.size(); ++i) {
         EXPECT_EQ(frames[i], (frames[i - 1] + 1) % 5) << "at delivery " << i;
     }
 }
 
-TEST(LogFilePlayerTest, FinishedRunIsDisposedOfByStopPlayOrDestructor) {
-    for (int disposal = 0; disposal < 3; ++disposal) {
-        FrameRecorder recorder;
-        {
-            LogFilePlayer player(fileWithFrames(3), {typeA}, recorder.callback(), false, 0);
-            player.play();
-            ASSERT_TRUE(recorder.waitForCount(2));
-            if (disposal == 0) {
-                player.stop();
-            } else if (disposal == 1) {
-                player.play();
-            }
-        }
-        EXPECT_EQ(recorder.frameNumbers(), range(1, 2));
-    }
-}
-
-TEST_P(TimedPlaybackTest, OneFrameRepeatsOnlyWhenLoopingAndNoFramesNeverRead) {
-    FrameRecorder recorder;
-    auto file = fileWithFrames(1);
-    const FakeLogFile& fake = *file;
-    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 0});
-    player.play();
-    player.stop();
-    player.seek(0);
-    player.play();
-    player.stop();
-    EXPECT_EQ(fake.reads, 1);
-    player.setLoopPlayback(true);
-    player.play();
-    ASSERT_TRUE(recorder.waitForCount(4));
-    player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), Frames(recorder.frameNumbers().size(), 0));
-
-    auto none = std::make_unique<FakeLogFile>();
-    const FakeLogFile& empty = *none;
-    LogFilePlayer idle = timed({std::move(none), {}, recorder.callback(), true, 0});
-    idle.play();
-    idle.seek(0);
-    EXPECT_EQ(idle.getTotalPlayTime(), 0);
-    idle.stop();
-    EXPECT_EQ(empty.reads, 0);
-}
-
 TEST_P(TimedPlaybackTest, StopDuringAWaitSkipsTheWaitingFrame) {
     FrameRecorder recorder;
-    const std::vector<std::int64_t> timestamps = {baseTime, baseTime + 1, baseTime + 2,
-                                                  baseTime + 50'000, baseTime + 50'001};
     LogFilePlayer player =
-        timed({fileWith(timestamps), {typeA}, recorder.callback(), false, longCap});
+        timed(record({baseTime, baseTime + 1, baseTime + 2, baseTime + 50'000, baseTime + 50'001}),
+              recorder, longCap);
     const auto start = std::chrono::steady_clock::now();
     player.play();  // frame 1 waits the whole cap
-    player.play();  // already playing: neither a second thread nor a join
     player.stop();
     player.play();  // frame 2 comes 1 ms later, frame 3 only after 50 s
     ASSERT_TRUE(recorder.waitForCount(1));
@@ -245,168 +194,115 @@ TEST_P(TimedPlaybackTest, StopDuringAWaitSkipsTheWaitingFrame) {
     ASSERT_TRUE(recorder.waitForCount(2));
     player.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    EXPECT_EQ(recorder.frameNumbers(), (Frames{2, 4}));
+    EXPECT_EQ(recorder.frames(), (Frames{2, 4}));
 }
 
 TEST_P(TimedPlaybackTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
-    const std::int32_t targets[] = {0, 2, 4, -1, 5};  // the last two are out of range
-    for (std::int32_t target : targets) {
+    for (const std::int32_t target : {0, 2, 4, -1, 5}) {  // the last two are out of range
         const bool inRange = target >= 0 && target < 5;
-        // Under a long cap, only a seek that measures the next gap from its own frame lets the
-        // following frames come at once; the first frame of a new player waits the whole cap.
+        // Under a long cap the frames after a seek come at once only if it resets the gap.
         FrameRecorder recorder;
-        LogFilePlayer player = timed(
-            {fileWithFrames(5), {typeA}, recorder.callback(), false, inRange ? longCap : 0});
+        LogFilePlayer player = timed(frames(5), recorder, inRange ? longCap : 0);
         player.seek(target);
         const auto seen = recorder.deliveries();
         ASSERT_EQ(seen.size(), inRange ? 1u : 0u);
         if (inRange) {
-            EXPECT_EQ(seen[0].thread, std::this_thread::get_id());
+            EXPECT_TRUE(seen[0].onCallersThread);
             EXPECT_EQ(seen[0].entry.entryId, target + 1);
         }
         player.play();
         const Frames expected = inRange ? range(target, 4) : range(1, 4);
         ASSERT_TRUE(recorder.waitForCount(expected.size()));
         player.stop();
-        EXPECT_EQ(recorder.frameNumbers(), expected) << "seek to " << target;
+        EXPECT_EQ(recorder.frames(), expected) << "seek to " << target;
     }
 }
 
-TEST(LogFilePlayerTest, SeekPrefersItsOwnCallableAndWithoutAnyThrows) {
-    FrameRecorder own;
+// A frame that reads as nothing or throws ends a run; seek and getTotalPlayTime raise.
+TEST_P(TimedPlaybackTest, UnreadableFramesEndTheRunAndAreNotDelivered) {
     FrameRecorder recorder;
-    LogFilePlayer player(fileWithFrames(3), {typeA}, recorder.callback(), false, 0);
-    player.seek(1, own.callback());
-    EXPECT_EQ(own.frameNumbers(), Frames{1});
-    EXPECT_TRUE(recorder.frameNumbers().empty());
-
-    auto file = fileWithFrames(4);
-    const FakeLogFile& fake = *file;
-    LogFilePlayer silent(std::move(file), {typeA}, {}, false, 0);
-    silent.play();  // without a frame callback nothing starts
-    silent.stop();
-    EXPECT_EQ(fake.reads, 0);
-    EXPECT_THROW(silent.seek(2), std::bad_function_call);
-    EXPECT_EQ(fake.lastReadId, 3);  // the position moved before the call failed
-}
-
-TEST_P(TimedPlaybackTest, SeekAndTotalPlayTimeDuringPlayRestartAfterTheirFrame) {
-    FrameRecorder recorder;
-    LogFilePlayer player =
-        timed({fileWithFrames(6), {typeA}, recorder.callback(), false, longCap});
-    player.play();  // frame 1 waits the whole cap
-    player.seek(3);
-    ASSERT_TRUE(recorder.waitForCount(3));
-    player.stop();
-    const auto seen = recorder.deliveries();
-    EXPECT_EQ(recorder.frameNumbers(), range(3, 5));
-    EXPECT_EQ(seen[0].thread, std::this_thread::get_id());
-    EXPECT_NE(seen[1].thread, std::this_thread::get_id());
-
-    player.seek(0);
-    player.setPlaybackSpeedMultiplier(0.0f);  // holds playback at frame 1
-    player.play();
-    // Stops the run held at frame 1 and restarts one that holds at frame 2.
-    EXPECT_EQ(player.getTotalPlayTime(), 5);
-    player.stop();
-    player.setPlaybackSpeedMultiplier(1.0f);
-    player.play();
-    ASSERT_TRUE(recorder.waitForCount(3 + 4));
-    player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), (Frames{3, 4, 5, 0, 3, 4, 5}));
-}
-
-TEST(LogFilePlayerTest, TotalPlayTimeSpansThePlayersFramesAndKeepsThePosition) {
-    struct Row {
-        std::vector<std::int64_t> timestamps;
-        std::int32_t expected;
-    };
-    const Row rows[] = {
-        {{baseTime}, 0},
-        {{baseTime, baseTime + 500, baseTime + 3000}, 3000},
-        {{baseTime, baseTime - 20}, -20},
-        {{0, 2147483648}, -2147483647 - 1},
-    };
-    for (const Row& row : rows) {
-        LogFilePlayer player(fileWith(row.timestamps), {typeA}, {}, false, 0);
-        EXPECT_EQ(player.getTotalPlayTime(), row.expected);
-    }
-
-    FrameRecorder recorder;
-    LogFilePlayer player(fileWithThreeSources(), {typeB}, recorder.callback(), false, 0);
-    EXPECT_EQ(player.getTotalPlayTime(), 0);  // 1 ms across the file, 0 across its frames
-    player.play();
-    ASSERT_TRUE(recorder.waitForCount(1));
-    player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), Frames{1});
-}
-
-TEST_P(TimedPlaybackTest, UnreadableFrameEndsTheRunAndIsNotDelivered) {
-    FrameRecorder recorder;
-    auto file = fileWithFrames(5);
-    file->unreadable = {3};  // frame 2
-    LogFilePlayer player = timed({std::move(file), {typeA}, recorder.callback(), false, 0});
+    LogFilePlayer player = timed(frames(7), recorder, 0);
+    Testing::RawDatabase(name).exec(
+        "DELETE FROM data WHERE entryId = 3;"
+        "UPDATE data SET payload = x'0102' WHERE entryId IN (5, 7);");
     player.play();
     ASSERT_TRUE(recorder.waitForCount(1));
     player.seek(2);  // stops the run if it still goes, and delivers nothing
     player.play();
-    ASSERT_TRUE(recorder.waitForCount(3));
+    ASSERT_TRUE(recorder.waitForCount(2));
     player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), (Frames{1, 3, 4}));
-}
-
-TEST_P(TimedPlaybackTest, ReadExceptionsReachSeekAndTotalPlayTimeButEndARunQuietly) {
-    FrameRecorder recorder;
-    auto file = fileWithFrames(7);
-    file->throwing = {1, 3};  // frames 0 and 2
-    LogFilePlayer player =
-        timed({std::move(file), {typeA}, recorder.callback(), false, longCap});
-    player.play();  // frame 1 waits the whole cap
-    EXPECT_THROW(player.seek(2), std::runtime_error);
-    // A run restarted by the failed seek would have read frame 3 before seeing this stop.
-    player.stop();
-
-    // The position is the seek's target: a new run goes on with frame 3, held by the
-    // multiplier 0 until getTotalPlayTime stops it.
-    player.setPlaybackSpeedMultiplier(0.0f);
-    player.play();
+    EXPECT_THROW(player.seek(4), std::runtime_error);
     EXPECT_THROW(player.getTotalPlayTime(), std::runtime_error);
-    player.stop();  // likewise for a run restarted after the failure
-    player.setPlaybackSpeedMultiplier(1.0f);
-    player.play();
+    player.play();  // goes on after the failed seek's frame
     ASSERT_TRUE(recorder.waitForCount(3));
     player.stop();
-
-    // On the playback thread a read that throws ends the run quietly at that frame, which the
-    // run reads before it can see a stop; the next run goes on after it.
-    player.seek(1);
-    player.play();
-    player.stop();
-    player.play();
-    ASSERT_TRUE(recorder.waitForCount(3 + 1 + 4));
-    player.stop();
-    EXPECT_EQ(recorder.frameNumbers(), (Frames{4, 5, 6, 1, 3, 4, 5, 6}));
+    EXPECT_EQ(recorder.frames(), (Frames{1, 3, 5}));
 }
 
-TEST(LogFilePlayerTest, PlayerOwnsAndDestroysItsLogFile) {
-    bool firstDestroyed = false;
-    bool secondDestroyed = false;
-    auto first = fileWithFrames(2);
-    first->destroyed = &firstDestroyed;
-    auto second = fileWithFrames(3);
-    second->destroyed = &secondDestroyed;
-    {
-        LogFilePlayer kept(std::move(second), {}, {}, false, 0);
-        {
-            LogFilePlayer original(std::move(first), {}, {}, false, 0);
-            LogFilePlayer moved(std::move(original));
-            kept = std::move(moved);  // gives up the second file
-            EXPECT_TRUE(secondDestroyed);
-        }
-        EXPECT_FALSE(firstDestroyed);  // the moved-from players were empty
-        EXPECT_EQ(kept.getFrameCount(), 2);
+TEST_F(PlayerTest, TotalPlayTimeSpansThePlayersFramesAndKeepsThePosition) {
+    for (const auto& [timestamps, expected] : {std::pair{std::vector<std::int64_t>{baseTime}, 0},
+                                               {{baseTime, baseTime + 500, baseTime + 3000}, 3000},
+                                               {{baseTime, baseTime - 20}, -20},
+                                               {{0, 2147483648}, -2147483647 - 1},
+                                               {{0x1FFFFFFF0, 0x200000010}, 0x20}}) {
+        EXPECT_EQ(LogFilePlayer(record(timestamps), {typeA}, {}, false, 0).getTotalPlayTime(),
+                  expected);
     }
-    EXPECT_TRUE(firstDestroyed);
+    // Seek prefers its own callable; the run ends by itself and the destructor disposes of it.
+    FrameRecorder own;
+    FrameRecorder recorder;
+    LogFilePlayer player(record({1, 2, 3, 4, 5}, {1, 2, 3, 1, 2}), {typeB}, recorder.callback(),
+                         false, 0);
+    EXPECT_EQ(player.getTotalPlayTime(), 3);  // 4 ms across the file, 3 across its frames
+    player.seek(0, own.callback());
+    player.play();
+    ASSERT_TRUE(recorder.waitForCount(1));
+    EXPECT_EQ(recorder.frames(), Frames{1});
+    EXPECT_EQ(own.frames(), Frames{0});
+}
+
+// Camera (A, odd ids) and IMU (B, even ids) in turns, played in a loop while bookmarks change.
+TEST_F(PlayerTest, BookmarksChangeWhileThePlaybackThreadReads) {
+    constexpr int frameCount = 20;
+    std::vector<std::int64_t> timestamps;
+    std::vector<std::int8_t> sources;
+    for (int i = 0; i < 2 * frameCount; ++i) {
+        timestamps.push_back(baseTime + i / 2);
+        sources.push_back(std::int8_t(1 + i % 2));
+    }
+    std::atomic<int> delivered{0};
+    std::atomic<bool> inOrder{true};
+    auto check = [&](std::int32_t frame, DataEntry entry) {
+        inOrder = inOrder && frame == delivered % frameCount && entry.entryId == 2 * frame + 1 &&
+                  entry.timestamp == baseTime + frame &&
+                  entry.data == std::vector<std::uint8_t>{std::uint8_t(2 * frame + 1), 0xAB};
+        ++delivered;
+    };
+    LogFilePlayer player(record(timestamps, sources), {typeA}, check, true, 0);
+    player.seek(frameCount - 1, [](std::int32_t, DataEntry) {});
+    player.play();
+    for (int round = 0; round < 30; ++round) {
+        const std::int32_t entryId = 1 + (round * 7) % (2 * frameCount);
+        player.addBookmark(entryId, "round", "added");
+        player.updateBookmark(entryId, "updated", "");
+        if (round % 3 == 0)
+            player.removeBookmark(entryId);
+        ASSERT_EQ(player.getBookmarks().size(),
+                  player.getUnderlyingLogFile().getBookmarks().size());
+    }
+    player.addBookmark(1000, "missing", "no such entry");  // refused, and nothing raised
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (delivered < 3 * frameCount && std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::yield();
+    }
+    player.stop();
+    EXPECT_GE(delivered, 3 * frameCount);
+    EXPECT_TRUE(inOrder);
+    for (const auto& bookmark : player.getBookmarks()) {
+        EXPECT_EQ(bookmark.title, "updated");
+        EXPECT_EQ(bookmark.frameNumber, std::min(bookmark.entryId / 2, frameCount - 1));
+    }
 }
 
 }  // namespace
+}  // namespace Korvane::Logging::Playback

@@ -7,19 +7,15 @@
 
 namespace Korvane::Testing {
 
-// Writes a log file as an older or foreign writer would: the schema and the two metadata rows
-// that steer reading, with any log version and level. A negative `logVersion` leaves its row out.
+// A file as an older writer made it: the schema, a version row (unless negative) and a level.
 inline void writeLogFileOfVersion(const std::string& path, int logVersion, int compressionLevel) {
     RawDatabase database(path);
     for (const char* statement : Logging::Statements::schema) {
         database.exec(statement);
     }
-    if (logVersion >= 0) {
-        database.exec("INSERT INTO metadata VALUES ('logVersion', " + std::to_string(logVersion) +
-                      ");");
-    }
-    database.exec("INSERT INTO metadata VALUES ('compressionLevel', " +
-                  std::to_string(compressionLevel) + ");");
+    database.exec("INSERT INTO metadata VALUES " +
+                  (logVersion < 0 ? "" : "('logVersion', " + std::to_string(logVersion) + "), ") +
+                  "('compressionLevel', " + std::to_string(compressionLevel) + ");");
 }
 
 }  // namespace Korvane::Testing

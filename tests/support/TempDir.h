@@ -21,12 +21,7 @@ protected:
               ("korvane-test-" + std::to_string(seed()) + "-" + std::to_string(seed()));
         std::filesystem::create_directories(dir);
     }
-
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir, ignored);
-    }
-
+    void TearDown() override { std::filesystem::remove_all(dir); }
     std::string path(const std::string& name) const { return (dir / name).string(); }
 
     std::filesystem::path dir;
@@ -39,9 +34,8 @@ inline std::vector<std::uint8_t> readFileBytes(const std::filesystem::path& file
 
 inline void writeFileBytes(const std::filesystem::path& file,
                            const std::vector<std::uint8_t>& bytes) {
-    std::ofstream out(file, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 // Bytes that look like a sensor frame: a slow signal with noise, compressible but not trivially.

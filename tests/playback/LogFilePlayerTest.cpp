@@ -218,6 +218,19 @@ TEST_P(TimedPlaybackTest, SeekDeliversTheTargetAndPlayGoesOnAfterIt) {
     }
 }
 
+// After a wrap, frame 0 has no frame before it: it waits the whole cap, like a new player's first.
+TEST_P(TimedPlaybackTest, AWrapWaitsTheCapBeforeFrameZero) {
+    FrameRecorder recorder;
+    LogFilePlayer player = timed(frames(2), recorder, longCap);
+    player.setLoopPlayback(true);
+    player.seek(0);
+    player.play();  // frame 1 is 1 ms after frame 0
+    ASSERT_TRUE(recorder.waitForCount(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    player.stop();
+    EXPECT_EQ(recorder.frames(), (Frames{0, 1}));
+}
+
 // A frame that reads as nothing or throws ends a run; seek and getTotalPlayTime raise.
 TEST_P(TimedPlaybackTest, UnreadableFramesEndTheRunAndAreNotDelivered) {
     FrameRecorder recorder;

@@ -14,6 +14,7 @@ from types import SimpleNamespace
 import pytest
 
 import korvane_logging as kl
+from korvane_logging._reading import CHUNK_BYTES, ChunkSize
 
 CAMERA_TYPE, LIDAR_TYPE, ENTRY_COUNT = 7, 9, 60
 
@@ -125,6 +126,14 @@ def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, m
             assert list(log.iter_entries(first=3, chunk=7, **named(log, selection))) == expected(
                 kept, first=3, **selection)
     assert max(sizes) == 7
+
+
+def test_a_chunk_of_big_entries_holds_what_fits_in_its_bytes():
+    sizes = ChunkSize(1000)
+    sizes.update([kl.Entry(1, 0, 0, 0, bytes(CHUNK_BYTES // 4))] * 2)
+    assert sizes.size == 4
+    sizes.update([kl.Entry(1, 0, 0, 0, b"x")] * 3)
+    assert sizes.size == 1000
 
 
 VALUES = [0, -5, 2**63 - 1, -2**63, 2**40, 3.0, -0.25, "", "12", "grüße", "tab\tand\nline"]

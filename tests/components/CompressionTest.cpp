@@ -38,8 +38,12 @@ TEST(CompressionTest, FramesRecordTheirSizeAndDamagedOnesAreRefused) {
         {unsized, "the frame does not record its size"},
         {ByteArray(frame.begin(), frame.end() - 10),
          "the frame is truncated or its recorded size is wrong"},
-        // A header that claims 2^40 bytes, followed by one raw block of one byte.
+        // Headers that record 2^40 bytes, then one raw block of one byte: a window descriptor
+        // makes the recorded size run into the block, which leaves no block; a single segment
+        // leaves a whole frame that lies.
         {{0x28, 0xb5, 0x2f, 0xfd, 0xc0, 0, 0, 0, 0, 0, 1, 0, 0, 9, 0, 0, 'x'},
+         "the frame is truncated or its recorded size is wrong"},
+        {{0x28, 0xb5, 0x2f, 0xfd, 0xe0, 0, 0, 0, 0, 0, 1, 0, 0, 9, 0, 0, 'x'},
          "the frame is truncated or its recorded size is wrong"},
     };
     for (const auto& [input, reason] : damaged) {

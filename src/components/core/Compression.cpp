@@ -1,4 +1,4 @@
-#define ZSTD_STATIC_LINKING_ONLY  // ZSTD_decompressBound
+#define ZSTD_STATIC_LINKING_ONLY  // ZSTD_getFrameHeader, ZSTD_decompressBound
 #include "Compression.h"
 
 #include <zstd.h>
@@ -17,6 +17,40 @@ struct CompressionContextDeleter {
 struct DecompressionContextDeleter {
     void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
 };
+
+// The most that the blocks of one frame can produce, or ZSTD_CONTENTSIZE_ERROR when they do not
+// make one whole frame. ZSTD_decompressBound can't tell: it takes a recorded size at its word.
+unsigned long long blockBound(const std::uint8_t* data, std::size_t size) {
+    ZSTD_frameHeader header;
+    if (ZSTD_getFrameHeader(&header, data, size) != 0) {
+        return ZSTD_CONTENTSIZE_ERROR;
+    }
+    if (header.frameType == ZSTD_skippableFrame) {
+        return ZSTD_decompressBound(data, size);
+    }
+    enum : std::uint32_t { raw, rle, compressed };
+    constexpr std::size_t blockHeaderSize = 3;
+    unsigned long long bound = 0;
+    std::size_t at = header.headerSize;
+    for (bool last = false; !last;) {
+        if (size - at < blockHeaderSize) {
+            return ZSTD_CONTENTSIZE_ERROR;
+        }
+        const std::uint32_t block =
+            data[at] | data[at + 1] << 8 | std::uint32_t(data[at + 2]) << 16;
+        at += blockHeaderSize;
+        last = (block & 1) != 0;
+        const std::uint32_t type = (block >> 1) & 3;
+        const std::size_t blockSize = block >> 3;
+        const std::size_t stored = type == rle ? 1 : blockSize;  // a run stores its byte once
+        if (type > compressed || size - at < stored) {
+            return ZSTD_CONTENTSIZE_ERROR;
+        }
+        bound += type == compressed ? header.blockSizeMax : blockSize;
+        at += stored;
+    }
+    return size - at == (header.checksumFlag ? 4u : 0u) ? bound : ZSTD_CONTENTSIZE_ERROR;
+}
 
 // One context of each kind per thread: making one costs far more than a small payload, and the
 // playback thread decompresses while its owner may compress.
@@ -90,7 +124,7 @@ ByteArray uncompress(const std::uint8_t* data, std::size_t size) {
     }
     // The blocks present bound what the frame can produce; a larger recorded size is a lie that
     // would otherwise make us allocate it.
-    const unsigned long long bound = ZSTD_decompressBound(data, size);
+    const unsigned long long bound = blockBound(data, size);
     if (bound == ZSTD_CONTENTSIZE_ERROR || contentSize > bound) {
         fail("the frame is truncated or its recorded size is wrong");
     }

@@ -17,6 +17,8 @@ public:
         if (sqlite3_open(path.c_str(), &connection) != SQLITE_OK) {
             ADD_FAILURE() << "cannot open " << path;
         }
+        // Like the library's connections, wait for a lock that another one holds for a moment.
+        sqlite3_busy_timeout(connection, 60'000);
     }
     RawDatabase(const RawDatabase&) = delete;
     RawDatabase& operator=(const RawDatabase&) = delete;

@@ -48,80 +48,35 @@ int fileControl(sqlite3_file* file, int op, void* argument) {
     return code;
 }
 
-int close(sqlite3_file* file) {
+// Calls the base layer's method on the file behind ours.
+template <auto method, typename Result, typename... Args>
+Result toReal(sqlite3_file* file, Args... args) {
     sqlite3_file* real = realOf(file);
-    return real->pMethods->xClose(real);
+    return (real->pMethods->*method)(real, args...);
 }
 
-// Every other method passes straight to the base layer's file.
-const sqlite3_io_methods growingMethods = {
+// Every method but the file control passes straight to the base layer's file.
+using Io = sqlite3_io_methods;
+const Io growingMethods = {
     3,
-    close,
-    [](sqlite3_file* f, void* buffer, int amount, sqlite3_int64 offset) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xRead(real, buffer, amount, offset);
-    },
-    [](sqlite3_file* f, const void* buffer, int amount, sqlite3_int64 offset) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xWrite(real, buffer, amount, offset);
-    },
-    [](sqlite3_file* f, sqlite3_int64 size) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xTruncate(real, size);
-    },
-    [](sqlite3_file* f, int flags) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xSync(real, flags);
-    },
-    [](sqlite3_file* f, sqlite3_int64* size) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xFileSize(real, size);
-    },
-    [](sqlite3_file* f, int level) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xLock(real, level);
-    },
-    [](sqlite3_file* f, int level) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xUnlock(real, level);
-    },
-    [](sqlite3_file* f, int* reserved) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xCheckReservedLock(real, reserved);
-    },
+    toReal<&Io::xClose>,
+    toReal<&Io::xRead>,
+    toReal<&Io::xWrite>,
+    toReal<&Io::xTruncate>,
+    toReal<&Io::xSync>,
+    toReal<&Io::xFileSize>,
+    toReal<&Io::xLock>,
+    toReal<&Io::xUnlock>,
+    toReal<&Io::xCheckReservedLock>,
     fileControl,
-    [](sqlite3_file* f) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xSectorSize(real);
-    },
-    [](sqlite3_file* f) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xDeviceCharacteristics(real);
-    },
-    [](sqlite3_file* f, int region, int size, int extend, void volatile** mapped) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xShmMap(real, region, size, extend, mapped);
-    },
-    [](sqlite3_file* f, int offset, int count, int flags) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xShmLock(real, offset, count, flags);
-    },
-    [](sqlite3_file* f) {
-        sqlite3_file* real = realOf(f);
-        real->pMethods->xShmBarrier(real);
-    },
-    [](sqlite3_file* f, int deleteFlag) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xShmUnmap(real, deleteFlag);
-    },
-    [](sqlite3_file* f, sqlite3_int64 offset, int amount, void** pages) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xFetch(real, offset, amount, pages);
-    },
-    [](sqlite3_file* f, sqlite3_int64 offset, void* pages) {
-        sqlite3_file* real = realOf(f);
-        return real->pMethods->xUnfetch(real, offset, pages);
-    },
+    toReal<&Io::xSectorSize>,
+    toReal<&Io::xDeviceCharacteristics>,
+    toReal<&Io::xShmMap>,
+    toReal<&Io::xShmLock>,
+    toReal<&Io::xShmBarrier>,
+    toReal<&Io::xShmUnmap>,
+    toReal<&Io::xFetch>,
+    toReal<&Io::xUnfetch>,
 };
 
 // The growing methods at the version of the base layer's file, so that SQLite calls no method
@@ -154,6 +109,12 @@ int open(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int
 
 sqlite3_vfs growAheadVfs;
 
+// Calls the base layer's own method with its own object.
+template <auto method, typename Result, typename... Args>
+Result toBase(sqlite3_vfs*, Args... args) {
+    return (base->*method)(base, args...);
+}
+
 void registerVfs() {
     base = sqlite3_vfs_find(nullptr);
     if (base == nullptr || base->iVersion < 2 || base->szOsFile < 0) {
@@ -165,48 +126,22 @@ void registerVfs() {
     growAheadVfs.pNext = nullptr;
     growAheadVfs.xOpen = open;
     // The base layer's other methods are reached with its own object, whatever they keep in it.
-    growAheadVfs.xDelete = [](sqlite3_vfs*, const char* name, int syncDir) {
-        return base->xDelete(base, name, syncDir);
-    };
-    growAheadVfs.xAccess = [](sqlite3_vfs*, const char* name, int flags, int* result) {
-        return base->xAccess(base, name, flags, result);
-    };
-    growAheadVfs.xFullPathname = [](sqlite3_vfs*, const char* name, int size, char* out) {
-        return base->xFullPathname(base, name, size, out);
-    };
-    growAheadVfs.xDlOpen = [](sqlite3_vfs*, const char* name) { return base->xDlOpen(base, name); };
-    growAheadVfs.xDlError = [](sqlite3_vfs*, int size, char* message) {
-        base->xDlError(base, size, message);
-    };
-    growAheadVfs.xDlSym = [](sqlite3_vfs*, void* handle, const char* symbol) {
-        return base->xDlSym(base, handle, symbol);
-    };
-    growAheadVfs.xDlClose = [](sqlite3_vfs*, void* handle) { base->xDlClose(base, handle); };
-    growAheadVfs.xRandomness = [](sqlite3_vfs*, int size, char* out) {
-        return base->xRandomness(base, size, out);
-    };
-    growAheadVfs.xSleep = [](sqlite3_vfs*, int microseconds) {
-        return base->xSleep(base, microseconds);
-    };
-    growAheadVfs.xCurrentTime = [](sqlite3_vfs*, double* now) {
-        return base->xCurrentTime(base, now);
-    };
-    growAheadVfs.xGetLastError = [](sqlite3_vfs*, int size, char* out) {
-        return base->xGetLastError(base, size, out);
-    };
-    growAheadVfs.xCurrentTimeInt64 = [](sqlite3_vfs*, sqlite3_int64* now) {
-        return base->xCurrentTimeInt64(base, now);
-    };
+    growAheadVfs.xDelete = toBase<&sqlite3_vfs::xDelete>;
+    growAheadVfs.xAccess = toBase<&sqlite3_vfs::xAccess>;
+    growAheadVfs.xFullPathname = toBase<&sqlite3_vfs::xFullPathname>;
+    growAheadVfs.xDlOpen = toBase<&sqlite3_vfs::xDlOpen>;
+    growAheadVfs.xDlError = toBase<&sqlite3_vfs::xDlError>;
+    growAheadVfs.xDlSym = toBase<&sqlite3_vfs::xDlSym>;
+    growAheadVfs.xDlClose = toBase<&sqlite3_vfs::xDlClose>;
+    growAheadVfs.xRandomness = toBase<&sqlite3_vfs::xRandomness>;
+    growAheadVfs.xSleep = toBase<&sqlite3_vfs::xSleep>;
+    growAheadVfs.xCurrentTime = toBase<&sqlite3_vfs::xCurrentTime>;
+    growAheadVfs.xGetLastError = toBase<&sqlite3_vfs::xGetLastError>;
+    growAheadVfs.xCurrentTimeInt64 = toBase<&sqlite3_vfs::xCurrentTimeInt64>;
     if (base->iVersion >= 3) {
-        growAheadVfs.xSetSystemCall = [](sqlite3_vfs*, const char* name, sqlite3_syscall_ptr call) {
-            return base->xSetSystemCall(base, name, call);
-        };
-        growAheadVfs.xGetSystemCall = [](sqlite3_vfs*, const char* name) {
-            return base->xGetSystemCall(base, name);
-        };
-        growAheadVfs.xNextSystemCall = [](sqlite3_vfs*, const char* name) {
-            return base->xNextSystemCall(base, name);
-        };
+        growAheadVfs.xSetSystemCall = toBase<&sqlite3_vfs::xSetSystemCall>;
+        growAheadVfs.xGetSystemCall = toBase<&sqlite3_vfs::xGetSystemCall>;
+        growAheadVfs.xNextSystemCall = toBase<&sqlite3_vfs::xNextSystemCall>;
     }
     if (sqlite3_vfs_register(&growAheadVfs, 0) != SQLITE_OK) {
         base = nullptr;

@@ -1,4 +1,4 @@
-// KV_LogError, KV_LogConfig, and the functions that make and free a KV_LogFile.
+// KV_LogError, KV_LogConfig, and the functions that make, open and free a KV_LogFile.
 
 #include <filesystem>
 #include <memory>
@@ -9,6 +9,7 @@
 #include "flat/GuardedCall.h"
 #include "flat/Handles.h"
 #include "flat/KV_Log.h"
+#include "flat/KV_LogExtensions.h"
 #include "sqlite/SqliteLogFile.h"
 
 using namespace Korvane::Logging;
@@ -33,6 +34,27 @@ PathState examinePath(const char* path, KV_LogError** error) noexcept {
         }
         return PathState::Present;
     });
+}
+
+// Opens the log file at `path` for `access` behind a handle that accepts no data.
+KV_LogFile* openLogFile(const char* path, SqliteLogFile::Access access,
+                        KV_LogError** error) noexcept {
+    switch (examinePath(path, error)) {
+    case PathState::Unknown:
+        return nullptr;
+    case PathState::Absent:
+        saveError(error, "Log file does not exist.");
+        return nullptr;
+    case PathState::Present:
+        break;
+    }
+    KV_LogFile* result = nullptr;
+    guardedCall(error, [&] {
+        std::unique_ptr<LogFileInterface> logFile =
+            std::make_unique<SqliteLogFile>(std::filesystem::path(path), access);
+        result = new KV_LogFile{std::move(logFile), false};
+    });
+    return result;
 }
 
 }  // namespace
@@ -105,22 +127,11 @@ KV_LogFile* KV_LogFile_Create(const char* path, const KV_LogConfig* config,
 }
 
 KV_LogFile* KV_LogFile_Open(const char* path, KV_LogError** error) noexcept {
-    switch (examinePath(path, error)) {
-    case PathState::Unknown:
-        return nullptr;
-    case PathState::Absent:
-        saveError(error, "Log file does not exist.");
-        return nullptr;
-    case PathState::Present:
-        break;
-    }
-    KV_LogFile* result = nullptr;
-    guardedCall(error, [&] {
-        std::unique_ptr<LogFileInterface> logFile =
-            std::make_unique<SqliteLogFile>(std::filesystem::path(path));
-        result = new KV_LogFile{std::move(logFile), false};
-    });
-    return result;
+    return openLogFile(path, SqliteLogFile::Access::ReadWrite, error);
+}
+
+KV_LogFile* KVX_OpenReadOnly(const char* path, KV_LogError** error) noexcept {
+    return openLogFile(path, SqliteLogFile::Access::ReadOnly, error);
 }
 
 void KV_LogFile_Destroy(KV_LogFile* file) noexcept {

@@ -36,10 +36,12 @@ constexpr int sqliteError = 1;
 constexpr int sqliteFull = 13;
 constexpr int sqliteIoErrorRead = 266;
 constexpr int sqliteIoErrorWrite = 778;
+constexpr int sqliteReadOnly = 8;
 constexpr int sqliteForeignKeyConstraint = 787;
 constexpr const char* thumbnailName = "thumbnail";
 constexpr const char* missingSourceForEntry =
     "Attempted to log data against a data source that did not exist in the file.";
+constexpr const char* openForReadingOnly = "The log file is open for reading only.";
 
 // Payload bytes of a batch that are compressed ahead of their inserts at a time: bounds the
 // memory that the compressed copies hold.
@@ -55,8 +57,12 @@ constexpr std::array<char, 4> legacyMark = {0x44, 0x33, 0x22, 0x11};
 }  // namespace
 
 struct SqliteLogFile::Impl {
-    Impl(const std::string& narrowPath, const std::filesystem::path& path)
-        : database(narrowPath, SqliteDatabase::OpenMode::ReadWriteCreate), filePath(path) {}
+    Impl(const std::string& narrowPath, const std::filesystem::path& path, Access access)
+        : database(narrowPath, access == Access::ReadOnly
+                                   ? SqliteDatabase::OpenMode::ReadOnly
+                                   : SqliteDatabase::OpenMode::ReadWriteCreate),
+          filePath(path),
+          readOnly(access == Access::ReadOnly) {}
 
     SqliteDatabase database;
     std::filesystem::path filePath;
@@ -64,10 +70,16 @@ struct SqliteLogFile::Impl {
     std::int8_t compressionLevel = 0;
     std::int32_t logVersion = 0;
     std::string lastError = "No error";
+    bool readOnly;
 
     // Replaces `lastError` with the text for the connection's latest failure.
     void reportDatabaseError() {
-        switch (database.getLastErrorCode()) {
+        const int code = database.getLastErrorCode();
+        if (readOnly && (code & 0xff) == sqliteReadOnly) {
+            lastError = openForReadingOnly;
+            return;
+        }
+        switch (code) {
         case sqliteFull:
             lastError = "Filesystem full.";
             break;
@@ -155,7 +167,7 @@ struct SqliteLogFile::Impl {
     // connection up. `compressionLevel` and `logVersion` stay 0. For a new file,
     // `initialiseNewFile` runs right after the schema, in the same transaction, so that another
     // process never finds the file half made.
-    static std::unique_ptr<Impl> open(const std::filesystem::path& path,
+    static std::unique_ptr<Impl> open(const std::filesystem::path& path, Access access,
                                       const std::function<void(Impl&)>& initialiseNewFile = {});
 };
 
@@ -407,15 +419,19 @@ bool SqliteLogFile::Impl::insertEntries(const std::vector<DataEntry>& entries) {
 }
 
 std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(
-    const std::filesystem::path& path, const std::function<void(Impl&)>& initialiseNewFile) {
+    const std::filesystem::path& path, Access access,
+    const std::function<void(Impl&)>& initialiseNewFile) {
     const std::string narrowPath = path.string();
     try {
-        auto impl = std::make_unique<Impl>(narrowPath, path);
+        auto impl = std::make_unique<Impl>(narrowPath, path, access);
         SqliteDatabase& database = impl->database;
         database.executeSimpleQuery(Statements::enableForeignKeys);
         if (countTables(database) == 0) {
             if (holdsBytesButNoDatabase(path)) {
                 throw Database::FileIsNotDatabase();
+            }
+            if (impl->readOnly) {
+                throw NotALogFileError();  // reading never makes a file a log file
             }
             // The schema and the first rows are written under one lock. Another process that
             // found the file empty as well waits here, and then finds the whole log file.
@@ -435,10 +451,14 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(
         }
         if (!impl->isNewFile) {
             requireLogTables(database);
-            checkBookmarksTable(database);
+            if (!impl->readOnly) {
+                checkBookmarksTable(database);
+            }
         }
-        database.executeSimpleQuery(Statements::synchronousOff);
-        database.executeSimpleQuery(Statements::journalInMemory);
+        if (!impl->readOnly) {
+            database.executeSimpleQuery(Statements::synchronousOff);
+            database.executeSimpleQuery(Statements::journalInMemory);
+        }
         return impl;
     } catch (const Database::FileIsNotDatabase&) {
         // The connection is closed by now; only the file's first bytes are left to read.
@@ -459,7 +479,11 @@ std::optional<int> SqliteLogFile::Impl::readSetting(const char* key) {
     return Database::requireType<int>(toPropertyValue(std::move(*value)));
 }
 
-SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath) : impl(Impl::open(filePath)) {
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath)
+    : SqliteLogFile(filePath, Access::ReadWrite) {}
+
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& filePath, Access access)
+    : impl(Impl::open(filePath, access)) {
     if (impl->isNewFile) {
         return;
     }
@@ -483,7 +507,7 @@ SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& tim
         file.addMetadata("compressionLevel",
                          PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
     };
-    impl = Impl::open(std::filesystem::path(filePath), writeMetadata);
+    impl = Impl::open(std::filesystem::path(filePath), Access::ReadWrite, writeMetadata);
     if (!impl->isNewFile) {
         // A log file stood at the path already: its own rows stay, the missing ones are added.
         writeMetadata(*impl);

@@ -32,6 +32,21 @@ public:
     // metadata. Throws `LegacyLogFileError` or `NotALogFileError` for a file it cannot use.
     explicit SqliteLogFile(const std::filesystem::path& filePath);
 
+    // What an opened file may be used for.
+    enum class Access {
+        // As the constructor above.
+        ReadWrite,
+        // Reading only: nothing is ever written to the file. An empty file is refused with
+        // `NotALogFileError` instead of becoming a log file, a missing one with the
+        // `std::runtime_error` of the open, and a bookmarks table whose references cannot be
+        // checked stays as it is. Every write fails with "The log file is open for reading
+        // only.".
+        ReadOnly,
+    };
+
+    // Opens the log file at `filePath` for `access`.
+    SqliteLogFile(const std::filesystem::path& filePath, Access access);
+
     SqliteLogFile(SqliteLogFile&& other) noexcept;
     SqliteLogFile& operator=(SqliteLogFile&& other) noexcept;
     ~SqliteLogFile() override;

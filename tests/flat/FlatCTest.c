@@ -6,9 +6,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "korvane/logging/KV_Log.h"
+#include "korvane/logging/KV_LogExtensions.h"
 
 static int failures = 0;
 static KV_LogError* error = NULL;
@@ -202,6 +204,23 @@ int main(void) {
     CHECK(clone != NULL && countOf(clone) == 10);
     CHECK(KV_LogFile_LogData(clone, late, &error) && countOf(clone) == 11);
     CHECK(countOf(file) == 10);
+
+    /* Read only: an empty file is refused and stays empty; a log file reads but takes nothing. */
+    struct stat status;
+    fclose(fopen(other, "wb"));
+    EXPECT_ERROR(KVX_OpenReadOnly(other, &error),
+                 "This file is not in a supported log file format.");
+    CHECK(stat(other, &status) == 0 && status.st_size == 0);
+    EXPECT_ERROR(KVX_OpenReadOnly("/nonexistent/new.log", &error), "Log file does not exist.");
+    KV_LogFile* reader = KVX_OpenReadOnly(path, &error);
+    CHECK(reader != NULL && countOf(reader) == 10);
+    bookmark = KV_LogBookmark_Create(5, "late", "", NULL, 0);
+    EXPECT_ERROR(KV_LogFile_AddBookmark(reader, bookmark, &error),
+                 "The log file is open for reading only.");
+    EXPECT_ERROR(KV_LogFile_LogData(reader, late, &error),
+                 "Data cannot be logged into pre-existing log files.");
+    KV_LogBookmark_Destroy(bookmark);
+    KV_LogFile_Destroy(reader);
 
     KV_LogEntryIndexFilter_Destroy(filter);
     KV_LogFile_Destroy(clone);

@@ -61,15 +61,53 @@ void Cell::add(const Cell& other) {
 
 TimelineSummary::TimelineSummary(std::int64_t widthMs, std::size_t cellBudget, bool fixedWidth)
     : width(std::max<std::int64_t>(widthMs, 1)),
-      cellBudget(std::max<std::size_t>(cellBudget, 1)),
+      cellBudget(std::max<std::size_t>(cellBudget, runLength)),
       fixedWidth(fixedWidth),
       bySource(sourceSlots) {}
+
+template <typename Visit>
+void TimelineSummary::eachCell(const SourceCells& of, std::int64_t from, std::int64_t to,
+                               Visit visit) {
+    for (auto run = of.runs.lower_bound(floorDiv(from, runLength)); run != of.runs.end(); ++run) {
+        const std::int64_t start = run->first * runLength;
+        if (start > to) {
+            return;
+        }
+        // Written so that no difference overflows, whatever the indexes.
+        const std::int64_t first = from <= start ? 0 : from - start;
+        const std::int64_t last = to >= start + (runLength - 1) ? runLength - 1 : to - start;
+        for (std::int64_t i = first; i <= last; ++i) {
+            if (run->second.cells[i].count > 0 && !visit(start + i, run->second.cells[i])) {
+                return;
+            }
+        }
+    }
+}
+
+template <typename Visit>
+void TimelineSummary::eachCellBackward(const SourceCells& of, std::int64_t from, std::int64_t to,
+                                       Visit visit) {
+    for (auto run = of.runs.upper_bound(floorDiv(to, runLength)); run != of.runs.begin();) {
+        --run;
+        const std::int64_t start = run->first * runLength;
+        if (start + (runLength - 1) < from) {
+            return;
+        }
+        const std::int64_t first = from <= start ? 0 : from - start;
+        const std::int64_t last = to >= start + (runLength - 1) ? runLength - 1 : to - start;
+        for (std::int64_t i = last; i >= first; --i) {
+            if (run->second.cells[i].count > 0 && !visit(start + i, run->second.cells[i])) {
+                return;
+            }
+        }
+    }
+}
 
 TimelineSummary::SourceCells& TimelineSummary::cellsOf(std::int8_t source) {
     std::unique_ptr<SourceCells>& slot = bySource[slotOf(source)];
     if (!slot) {
         slot = std::make_unique<SourceCells>();
-        slot->last = slot->cells.end();
+        ++sourceCount;
     }
     return *slot;
 }
@@ -82,23 +120,34 @@ std::int64_t TimelineSummary::indexOf(std::int64_t timestamp) const {
     return floorDiv(timestamp, width);
 }
 
+void TimelineSummary::addCell(SourceCells& of, std::int64_t index, const Cell& cell) {
+    const std::int64_t key = floorDiv(index, runLength);
+    // Timestamps nearly always grow with ids, so an entry mostly lands in the run of the one
+    // before it: no search.
+    if (of.last == nullptr || of.lastKey != key) {
+        const auto [run, made] = of.runs.try_emplace(key);
+        cells += made ? runLength : 0;
+        of.last = &run->second;
+        of.lastKey = key;
+    }
+    of.last->cells[index - key * runLength].add(cell);
+}
+
 void TimelineSummary::add(std::int8_t source, std::int32_t id, std::int64_t timestamp,
                           std::uint64_t storedBytes) {
+    Cell entry;
+    entry.add(id, timestamp, storedBytes);
     SourceCells& of = cellsOf(source);
-    const std::int64_t index = indexOf(timestamp);
-    // Timestamps nearly always grow with ids, so an entry mostly lands in the cell of the one
-    // before it, or in the next one: both without a search.
-    if (of.last == of.cells.end() || of.last->first != index) {
-        const auto hint = of.last != of.cells.end() && of.last->first < index ? std::next(of.last)
-                                                                              : of.cells.end();
-        const std::size_t before = of.cells.size();
-        of.last = of.cells.try_emplace(hint, index);
-        cells += of.cells.size() - before;
-    }
-    of.last->second.add(id, timestamp, storedBytes);
-    of.total.add(id, timestamp, storedBytes);
+    addCell(of, indexOf(timestamp), entry);
+    of.total.add(entry);
     ++entries;
-    if (!fixedWidth && cells > cellBudget) {
+    keepWithinBudget();
+}
+
+void TimelineSummary::keepWithinBudget() {
+    // A source takes one run at least, however wide its cells.
+    const std::size_t floor = sourceCount * runLength;
+    while (!fixedWidth && cells > std::max(cellBudget, floor) && width < farthestTime) {
         widen(width * 2);
     }
 }
@@ -110,18 +159,17 @@ void TimelineSummary::widen(std::int64_t newWidth) {
         if (!of) {
             continue;
         }
-        Cells wider;
-        for (const auto& [index, cell] : of->cells) {
-            wider[floorDiv(index, ratio)].add(cell);
-        }
-        of->cells = std::move(wider);
-        of->last = of->cells.end();
-        cells += of->cells.size();
+        SourceCells wider;
+        wider.total = of->total;
+        eachCell(*of, std::numeric_limits<std::int64_t>::min(),
+                 std::numeric_limits<std::int64_t>::max(),
+                 [this, &wider, ratio](std::int64_t index, const Cell& cell) {
+                     addCell(wider, floorDiv(index, ratio), cell);
+                     return true;
+                 });
+        *of = std::move(wider);
     }
     width = newWidth;
-    if (!fixedWidth && cells > cellBudget) {
-        widen(width * 2);
-    }
 }
 
 void TimelineSummary::merge(const TimelineSummary& other) {
@@ -135,18 +183,16 @@ void TimelineSummary::merge(const TimelineSummary& other) {
             continue;
         }
         SourceCells& ours = cellsOf(static_cast<std::int8_t>(slot));
-        for (const auto& [index, cell] : theirs->cells) {
-            const std::size_t before = ours.cells.size();
-            ours.cells[floorDiv(index, ratio)].add(cell);
-            cells += ours.cells.size() - before;
-        }
-        ours.last = ours.cells.end();
+        eachCell(*theirs, std::numeric_limits<std::int64_t>::min(),
+                 std::numeric_limits<std::int64_t>::max(),
+                 [this, &ours, ratio](std::int64_t index, const Cell& cell) {
+                     addCell(ours, floorDiv(index, ratio), cell);
+                     return true;
+                 });
         ours.total.add(theirs->total);
     }
     entries += other.entries;
-    if (!fixedWidth && cells > cellBudget) {
-        widen(width * 2);
-    }
+    keepWithinBudget();
 }
 
 std::vector<std::int8_t> TimelineSummary::sources() const {
@@ -200,7 +246,6 @@ Bins TimelineSummary::bins(std::int64_t from, std::int64_t to, std::size_t maxBi
         startIndex = floorDiv(firstIndex, cellsPerBin) * cellsPerBin;
         binCount = (lastIndex - startIndex) / cellsPerBin + 1;
     }
-    const std::int64_t endIndex = startIndex + binCount * cellsPerBin;
     result.from = startIndex * width;
     result.width = cellsPerBin * width;
     result.count = static_cast<std::size_t>(binCount);
@@ -209,13 +254,13 @@ Bins TimelineSummary::bins(std::int64_t from, std::int64_t to, std::size_t maxBi
         std::vector<std::uint64_t>& bytes = result.bytes[i];
         counts.assign(result.count, 0);
         bytes.assign(result.count, 0);
-        const Cells& of = find(result.sources[i])->cells;
-        for (auto cell = of.lower_bound(startIndex); cell != of.end() && cell->first < endIndex;
-             ++cell) {
-            const auto bin = static_cast<std::size_t>((cell->first - startIndex) / cellsPerBin);
-            counts[bin] += cell->second.count;
-            bytes[bin] += cell->second.bytes;
-        }
+        eachCell(*find(result.sources[i]), startIndex, startIndex + binCount * cellsPerBin - 1,
+                 [&](std::int64_t index, const Cell& cell) {
+                     const auto bin = static_cast<std::size_t>((index - startIndex) / cellsPerBin);
+                     counts[bin] += cell.count;
+                     bytes[bin] += cell.bytes;
+                     return true;
+                 });
     }
     return result;
 }
@@ -227,15 +272,12 @@ Cell TimelineSummary::overlapping(std::int64_t from, std::int64_t to) const {
     if (to <= from) {
         return all;
     }
-    const std::int64_t firstIndex = indexOf(from);
-    const std::int64_t lastIndex = indexOf(to - 1);
     for (const std::unique_ptr<SourceCells>& of : bySource) {
-        if (!of) {
-            continue;
-        }
-        for (auto cell = of->cells.lower_bound(firstIndex);
-             cell != of->cells.end() && cell->first <= lastIndex; ++cell) {
-            all.add(cell->second);
+        if (of) {
+            eachCell(*of, indexOf(from), indexOf(to - 1), [&all](std::int64_t, const Cell& cell) {
+                all.add(cell);
+                return true;
+            });
         }
     }
     return all;
@@ -254,23 +296,32 @@ Stretch TimelineSummary::around(std::int8_t source, std::int64_t at, std::uint64
     Cell combined;
     std::int64_t firstIndex = index;
     std::int64_t lastIndex = index;
-    auto next = of->cells.lower_bound(index);
-    if (next != of->cells.end() && next->first == index) {
-        combined.add(next->second);
-        ++next;
-    }
-    for (std::uint64_t seen = 0; next != of->cells.end() && seen < after; ++next) {
-        combined.add(next->second);
-        seen += next->second.count;
-        lastIndex = next->first;
-    }
-    auto previous = of->cells.lower_bound(index);
-    for (std::uint64_t seen = 0; previous != of->cells.begin() && seen < before;) {
-        --previous;
-        combined.add(previous->second);
-        seen += previous->second.count;
-        firstIndex = previous->first;
-    }
+    eachCell(*of, index, index, [&combined](std::int64_t, const Cell& cell) {
+        combined.add(cell);
+        return false;
+    });
+    std::uint64_t seen = 0;
+    eachCell(*of, index + 1, std::numeric_limits<std::int64_t>::max(),
+             [&](std::int64_t cellIndex, const Cell& cell) {
+                 if (seen >= after) {
+                     return false;
+                 }
+                 combined.add(cell);
+                 seen += cell.count;
+                 lastIndex = cellIndex;
+                 return true;
+             });
+    seen = 0;
+    eachCellBackward(*of, std::numeric_limits<std::int64_t>::min(), index - 1,
+                     [&](std::int64_t cellIndex, const Cell& cell) {
+                         if (seen >= before) {
+                             return false;
+                         }
+                         combined.add(cell);
+                         seen += cell.count;
+                         firstIndex = cellIndex;
+                         return true;
+                     });
     stretch.from = firstIndex * width;
     stretch.to = (lastIndex + 1) * width;
     stretch.firstId = combined.firstId;
@@ -282,21 +333,27 @@ Stretch TimelineSummary::around(std::int8_t source, std::int64_t at, std::uint64
 Rhythm TimelineSummary::rhythm(std::int8_t source, double factor, std::int64_t minimumGapMs) const {
     Rhythm rhythm;
     const SourceCells* of = find(source);
-    std::vector<std::pair<double, std::uint64_t>> intervals;  // an interval and how often
-    const Cell* previous = nullptr;
-    if (of != nullptr) {
-        for (const auto& [index, cell] : of->cells) {
-            if (cell.count > 1) {
-                intervals.emplace_back(
-                    static_cast<double>(cell.lastTime - cell.firstTime) / (cell.count - 1),
-                    cell.count - 1);
-            }
-            if (previous != nullptr) {
-                intervals.emplace_back(static_cast<double>(cell.firstTime - previous->lastTime), 1);
-            }
-            previous = &cell;
-        }
+    if (of == nullptr) {
+        return rhythm;
     }
+    constexpr std::int64_t lowest = std::numeric_limits<std::int64_t>::min();
+    constexpr std::int64_t highest = std::numeric_limits<std::int64_t>::max();
+    std::vector<std::pair<double, std::uint64_t>> intervals;  // an interval and how often
+    bool started = false;
+    std::int64_t previousEnd = 0;  // the last timestamp of the cell before
+    eachCell(*of, lowest, highest, [&](std::int64_t, const Cell& cell) {
+        if (cell.count > 1) {
+            intervals.emplace_back(
+                static_cast<double>(cell.lastTime - cell.firstTime) / (cell.count - 1),
+                cell.count - 1);
+        }
+        if (started) {
+            intervals.emplace_back(static_cast<double>(cell.firstTime - previousEnd), 1);
+        }
+        started = true;
+        previousEnd = cell.lastTime;
+        return true;
+    });
     std::sort(intervals.begin(), intervals.end());
     std::uint64_t weight = 0;
     for (const auto& interval : intervals) {
@@ -315,50 +372,56 @@ Rhythm TimelineSummary::rhythm(std::int8_t source, double factor, std::int64_t m
     // Two entries in one cell lie less than a cell's width apart: the gaps between cells are
     // all the gaps when the width is at most one above the threshold.
     rhythm.exact = width - 1 <= rhythm.gapThresholdMs;
-    previous = nullptr;
-    if (of != nullptr) {
-        for (const auto& [index, cell] : of->cells) {
-            if (previous != nullptr &&
-                cell.firstTime - previous->lastTime > rhythm.gapThresholdMs) {
-                rhythm.gaps.push_back({previous->lastTime, cell.firstTime});
-            }
-            previous = &cell;
+    started = false;
+    eachCell(*of, lowest, highest, [&](std::int64_t, const Cell& cell) {
+        if (started && cell.firstTime - previousEnd > rhythm.gapThresholdMs) {
+            rhythm.gaps.push_back({previousEnd, cell.firstTime});
         }
-    }
+        started = true;
+        previousEnd = cell.lastTime;
+        return true;
+    });
     return rhythm;
 }
 
 void TimelineSummary::forEachCell(
     std::int8_t source, const std::function<void(std::int64_t, const Cell&)>& visit) const {
     if (const SourceCells* of = find(source)) {
-        for (const auto& [index, cell] : of->cells) {
-            visit(index * width, cell);
-        }
+        eachCell(*of, std::numeric_limits<std::int64_t>::min(),
+                 std::numeric_limits<std::int64_t>::max(),
+                 [this, &visit](std::int64_t index, const Cell& cell) {
+                     visit(index * width, cell);
+                     return true;
+                 });
     }
 }
 
 TimelineSummary TimelineSummary::coarsened(std::size_t maxCellsPerSource) const {
-    std::int64_t ratio = 1;
+    maxCellsPerSource = std::max<std::size_t>(maxCellsPerSource, 1);
     const auto fits = [this, maxCellsPerSource](std::int64_t ratio) {
         for (const std::unique_ptr<SourceCells>& of : bySource) {
             if (!of) {
                 continue;
             }
             std::size_t distinct = 0;
-            std::int64_t last = std::numeric_limits<std::int64_t>::min();
-            for (const auto& entry : of->cells) {
-                const std::int64_t index = floorDiv(entry.first, ratio);
-                if (distinct == 0 || index != last) {
-                    ++distinct;
-                    last = index;
-                }
-            }
+            std::int64_t last = 0;
+            eachCell(*of, std::numeric_limits<std::int64_t>::min(),
+                     std::numeric_limits<std::int64_t>::max(),
+                     [&](std::int64_t index, const Cell&) {
+                         const std::int64_t coarse = floorDiv(index, ratio);
+                         if (distinct == 0 || coarse != last) {
+                             ++distinct;
+                             last = coarse;
+                         }
+                         return distinct <= maxCellsPerSource;
+                     });
             if (distinct > maxCellsPerSource) {
                 return false;
             }
         }
         return true;
     };
+    std::int64_t ratio = 1;
     while (!fits(ratio)) {
         ratio *= 2;
     }

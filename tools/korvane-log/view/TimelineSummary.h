@@ -65,9 +65,9 @@ struct Stretch {
 };
 
 // Entries counted per source in cells of `widthMs` milliseconds of their timestamps. Cells start
-// at multiples of the width and only those that hold entries take memory. When more than
-// `cellBudget` cells hold entries, the width doubles and neighbouring cells merge, so memory
-// stays bounded however long the recording; a summary made with `fixedWidth` never widens.
+// at multiples of the width; only runs of cells near entries take memory. When more than
+// `cellBudget` cells are held, the width doubles and neighbouring cells merge, so memory stays
+// bounded however long the recording; a summary made with `fixedWidth` never widens.
 //
 // Nothing here assumes that timestamps grow with ids: cells are kept by timestamp, and each
 // remembers the ids it saw, so that the rows of a stretch of time can be found by id later.
@@ -87,6 +87,7 @@ public:
 
     std::int64_t widthMs() const { return width; }
     std::uint64_t entryCount() const { return entries; }
+    // The cells held in memory, with entries or not.
     std::size_t cellCount() const { return cells; }
     // The sources that have entries, in id order.
     std::vector<std::int8_t> sources() const;
@@ -120,23 +121,41 @@ public:
     TimelineSummary coarsened(std::size_t maxCellsPerSource) const;
 
 private:
-    using Cells = std::map<std::int64_t, Cell>;  // by cell index: timestamp / width, floored
+    // Cells in runs of consecutive indexes (timestamp / width, floored): a run is one allocation,
+    // found without a search while entries come in time order, and widened in one pass.
+    static constexpr std::int64_t runLength = 64;
+    struct Run {
+        Cell cells[runLength];
+    };
     struct SourceCells {
-        Cells cells;
-        Cells::iterator last;  // the cell that the previous entry went into
+        std::map<std::int64_t, Run> runs;  // by the first index of the run, / runLength
+        Run* last = nullptr;               // the run that the previous entry went into
+        std::int64_t lastKey = 0;
         Cell total;
     };
 
     SourceCells& cellsOf(std::int8_t source);
     const SourceCells* find(std::int8_t source) const;
     std::int64_t indexOf(std::int64_t timestamp) const;
+    // Adds `cell` to the cell `index` of `of`, making its run when there is none.
+    void addCell(SourceCells& of, std::int64_t index, const Cell& cell);
     void widen(std::int64_t newWidth);
+    void keepWithinBudget();
+
+    // Calls `visit(index, cell)` for the cells of `of` with entries from index `from` to `to`, in
+    // order, until it returns false; `backward` goes from `to` down to `from` instead.
+    template <typename Visit>
+    static void eachCell(const SourceCells& of, std::int64_t from, std::int64_t to, Visit visit);
+    template <typename Visit>
+    static void eachCellBackward(const SourceCells& of, std::int64_t from, std::int64_t to,
+                                 Visit visit);
 
     std::int64_t width;
     std::size_t cellBudget;
     bool fixedWidth;
     std::uint64_t entries = 0;
-    std::size_t cells = 0;
+    std::size_t cells = 0;  // in runs, with entries or not
+    std::size_t sourceCount = 0;
     // Indexed by the source id's bits; null for a source without entries.
     std::vector<std::unique_ptr<SourceCells>> bySource;
 };

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,10 +38,11 @@ public:
     std::int64_t firstId();
     std::int64_t lastId();
 
-    // Calls `visit` with each row whose id is from `first` to `last`, in id order, reading
-    // `window` ids per statement. Stops early when `visit` returns false.
+    // Calls `visit` with each row whose id is from `first` to `last`, in id order, without its
+    // type (left 0), reading `window` ids per statement. Stops early when `visit` returns false.
+    // Throws `std::runtime_error` when the rows cannot be read, and what `visit` throws.
     void scan(std::int64_t first, std::int64_t last,
-              const std::function<bool(const EntryRow&)>& visit, std::int64_t window = 8192);
+              const std::function<bool(const EntryRow&)>& visit, std::int64_t window = 4096);
 
     // The rows of `source` with ids from `first` to `last`, in id order, found through the
     // file's index of sources.
@@ -54,7 +56,10 @@ public:
     std::uint64_t annotationsFingerprint();
 
 private:
+    struct Visit;
+
     sqlite3* database = nullptr;
+    std::unique_ptr<Visit> visiting;
     sqlite3_stmt* window = nullptr;
 };
 

@@ -19,8 +19,6 @@ namespace {
 using json = nlohmann::ordered_json;
 using Korvane::Logging::SqliteLogFile;
 
-// A file of fewer entries is counted on one thread: a second one would not pay for itself.
-constexpr std::uint64_t rowsWorthTwoThreads = 200'000;
 // Rows counted between two updates of the progress that the page shows.
 constexpr std::uint64_t progressStep = 4096;
 // Rows of a burst of new entries added to the summary under one hold of its lock.
@@ -144,44 +142,24 @@ void LogView::run() {
 void LogView::countAll() {
     const std::int64_t first = follower->firstId();
     const std::int64_t last = follower->lastId();
-    const std::uint64_t rows = last >= first && last > 0 ? last - first + 1 : 0;
-    rowsToCount = rows;
-    const auto counter = [this](TimelineSummary& into) {
-        std::uint64_t sinceUpdate = 0;
-        return [this, &into, sinceUpdate](const EntryRow& row) mutable {
-            into.add(row.source, row.id, row.timestamp, row.storedBytes);
+    rowsToCount = last >= first && last > 0 ? last - first + 1 : 0;
+    // One connection, a window of ids at a time. A second thread on a connection of its own
+    // would hold the file without a break while the two took turns, since SQLite shares the
+    // locks of one process, and a recorder in another process would wait for the whole count.
+    TimelineSummary counting;
+    std::uint64_t sinceUpdate = 0;
+    if (last > 0) {
+        follower->scan(first, last, [&](const EntryRow& row) {
+            counting.add(row.source, row.id, row.timestamp, row.storedBytes);
             if (++sinceUpdate == progressStep) {
                 rowsCounted += sinceUpdate;
                 sinceUpdate = 0;
             }
             return !stopping.load(std::memory_order_relaxed);
-        };
-    };
-    TimelineSummary mine;
-    if (options.scanThreads > 1 && rows >= rowsWorthTwoThreads) {
-        // Two connections read the two halves of the ids at once; their cells merge after.
-        const std::int64_t middle = first + static_cast<std::int64_t>(rows / 2);
-        TimelineSummary theirs;
-        std::exception_ptr failure;
-        std::thread helper([&] {
-            try {
-                EntryTable table(file);
-                table.scan(middle, last, counter(theirs));
-            } catch (...) {
-                failure = std::current_exception();
-            }
         });
-        follower->scan(first, middle - 1, counter(mine));
-        helper.join();
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
-        mine.merge(theirs);
-    } else if (rows > 0) {
-        follower->scan(first, last, counter(mine));
     }
     std::unique_lock<std::shared_mutex> lock(stateMutex);
-    summary = std::move(mine);
+    summary = std::move(counting);
     countedThrough = last;
     rowsCounted = summary.entryCount();
     ready = true;

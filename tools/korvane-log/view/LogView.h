@@ -42,8 +42,6 @@ public:
     struct Options {
         bool follow = true;
         std::chrono::milliseconds pollInterval{200};
-        // Threads of the first count of a large file.
-        unsigned scanThreads = 2;
     };
 
     // Opens `file` for reading only. Throws `ToolError` when it is missing, empty or not a log

@@ -182,7 +182,8 @@ KV.format = (function () {
     if (startsWith(bytes, [0x47, 0x49, 0x46, 0x38])) {
       return "image/gif";
     }
-    if (startsWith(bytes, [0x52, 0x49, 0x46, 0x46]) && startsWith(bytes, [0x57, 0x45, 0x42, 0x50], 8)) {
+    if (startsWith(bytes, [0x52, 0x49, 0x46, 0x46]) &&
+        startsWith(bytes, [0x57, 0x45, 0x42, 0x50], 8)) {
       return "image/webp";
     }
     if (startsWith(bytes, [0x42, 0x4d]) && bytes.length > 26) {

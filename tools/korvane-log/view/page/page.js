@@ -110,18 +110,22 @@ var KV = window.KV || (window.KV = {});
     $("file-name").title = path;
     document.title = path.split("/").pop() + " \u2014 korvane-log view";
     const level = identity.compressionLevel;
+    const application = [identity.application, identity.applicationVersion]
+      .filter((v) => v !== null).join(" ");
+    const span = entries.lastTime - entries.firstTime;
     const rows = [
-      ["Application", [identity.application, identity.applicationVersion].filter((v) => v !== null).join(" ") || "(unknown)"],
+      ["Application", application || "(unknown)"],
       ["Time zone", (identity.timeZone === null ? "(none)" : identity.timeZone) +
         (zone.known ? "" : " \u2014 times shown in UTC")],
-      ["Compression", level === null || level === "0" ? "none" : level === "-1" ? "default (-1)" : "level " + level],
+      ["Compression", level === null || level === "0" ? "none"
+        : level === "-1" ? "default (-1)" : "level " + level],
       ["Log version", identity.logVersion === null ? "(none)" : identity.logVersion],
       ["Created", identity.created === null || isNaN(Number(identity.created)) ? "(unknown)"
         : F.dateTime(Number(identity.created), zone.zone)],
       ["Entries", entries.count === 0 ? "none"
         : F.count(entries.count) + ", ids " + entries.firstId + " to " + entries.lastId],
       ["Time span", entries.count === 0 ? "\u2014" : F.dateTime(entries.firstTime, zone.zone) +
-        " to " + F.dateTime(entries.lastTime, zone.zone) + " (" + F.duration(entries.lastTime - entries.firstTime) + ")"],
+        " to " + F.dateTime(entries.lastTime, zone.zone) + " (" + F.duration(span) + ")"],
       ["Size", F.size(summary.file.size)],
     ];
     const list = $("identity-list");
@@ -164,7 +168,8 @@ var KV = window.KV || (window.KV = {});
       const canvas = element("canvas", "image");
       canvas.width = image.width;
       canvas.height = image.height;
-      canvas.getContext("2d").putImageData(new ImageData(image.rgba, image.width, image.height), 0, 0);
+      const pixels = new ImageData(image.rgba, image.width, image.height);
+      canvas.getContext("2d").putImageData(pixels, 0, 0);
       return canvas;
     }
     if (!type) {
@@ -196,16 +201,18 @@ var KV = window.KV || (window.KV = {});
       (index) => timeline.setView(gaps[index].from - (gaps[index].to - gaps[index].from),
         gaps[index].to + (gaps[index].to - gaps[index].from)));
     const notes = summary.sources.filter((s) => s.gapCount > s.gaps.length || !s.gapsExact)
-      .map((s) => s.name + ": " + (s.gapCount > s.gaps.length ? `the ${s.gaps.length} longest of ${s.gapCount} gaps listed. ` : "") +
-        (s.gapsExact ? "" : `pauses shorter than ${F.duration(summary.cellWidth)} may be missing.`));
+      .map((s) => s.name + ": " + (s.gapCount > s.gaps.length
+        ? `the ${s.gaps.length} longest of ${s.gapCount} gaps listed. ` : "") +
+        (s.gapsExact ? ""
+          : `pauses shorter than ${F.duration(summary.cellWidth)} may be missing.`));
     $("gaps-note").textContent = (gaps.length === 0 ? "No gaps. " : "") +
       "A gap is a pause of more than 4 times the source's usual interval, 100 ms at least. " +
       notes.join(" ");
 
     const bookmarks = summary.bookmarks;
     fillTable($("bookmarks-table"), ["Entry", "Time", "Title", "Comment"],
-      bookmarks.map((b) => [b.entryId, b.time === null ? "(no such entry)" : F.dateTime(b.time, zone.zone),
-        b.title, b.comment]),
+      bookmarks.map((b) => [b.entryId,
+        b.time === null ? "(no such entry)" : F.dateTime(b.time, zone.zone), b.title, b.comment]),
       (index) => {
         const time = bookmarks[index].time;
         if (time !== null) {
@@ -219,7 +226,8 @@ var KV = window.KV || (window.KV = {});
       "First entry", "Last entry", "Usual interval", "Properties"],
     summary.sources.map((s) => [s.name, s.id, s.type === null ? "?" : s.type, F.count(s.count),
       F.size(s.bytes || 0), s.count ? F.dateTime(s.firstTime, zone.zone) : "",
-      s.count ? F.dateTime(s.lastTime, zone.zone) : "", s.count > 1 ? F.duration(s.usualInterval) : "",
+      s.count ? F.dateTime(s.lastTime, zone.zone) : "",
+      s.count > 1 ? F.duration(s.usualInterval) : "",
       s.properties.map((p) => p.key + " = " + p.value).join("; ")]));
 
     fillTable($("metadata-table"), ["Key", "Value", "Kind"],
@@ -260,6 +268,7 @@ var KV = window.KV || (window.KV = {});
     showThumbnail().catch(() => {});
     const extent = extentOf();
     const minSpan = source.live ? 10 : Math.max(10, summary.cells.width * 20);
+    timeline.version = next.version;
     timeline.setData(summary.sources, summary.bookmarks, extent, zone.zone, minSpan);
     if (!before || (view.from <= before.from && view.to >= before.to)) {
       timeline.showAll();
@@ -276,22 +285,24 @@ var KV = window.KV || (window.KV = {});
     const banner = $("banner");
     banner.classList.toggle("gone", state.state === "gone");
     if (state.state === "counting") {
-      banner.textContent = `Counting the entries: ${F.count(state.counted)} of ${F.count(state.total)}`;
+      banner.textContent =
+        `Counting the entries: ${F.count(state.counted)} of ${F.count(state.total)}`;
     } else if (state.state === "gone") {
       banner.textContent = "The file " + state.reason + "; the page shows it as it was.";
     }
     banner.hidden = state.state === "ready";
     $("live").hidden = state.state !== "ready";
+    document.body.dataset.state = state.state;
   }
 
   async function follow() {
     let state = null;
     try {
       state = await source.state();
-      showState(state);
       if (state.version !== shownVersion) {
         showSummary(await source.summary());
       }
+      showState(state);
     } catch (failure) {
       $("banner").hidden = false;
       $("banner").textContent = "The server does not answer: korvane-log view has ended.";
@@ -342,12 +353,14 @@ var KV = window.KV || (window.KV = {});
   async function showPayload(entry) {
     section("payload-section", true);
     const bytes = await source.payload(entry.id);
-    $("payload-title").textContent = `Entry ${entry.id} \u00b7 ${sourceName(entry.source)} \u00b7 type ` +
-      `${entry.type} \u00b7 ${F.size(bytes.length)} \u00b7 ${F.dateTime(entry.time, zone.zone)}`;
+    const about = [`Entry ${entry.id}`, sourceName(entry.source), `type ${entry.type}`,
+      F.size(bytes.length), F.dateTime(entry.time, zone.zone)];
+    $("payload-title").textContent = about.join(" \u00b7 ");
     const link = $("payload-download");
     link.href = source.payloadUrl(entry.id);
     link.download = `entry-${entry.id}.bin`;
-    const cut = bytes.length > payloadShown ? ` (the first ${F.size(payloadShown)} of ${F.size(bytes.length)})` : "";
+    const cut = bytes.length > payloadShown
+      ? ` (the first ${F.size(payloadShown)} of ${F.size(bytes.length)})` : "";
     $("payload-hex-title").textContent = "Hex" + cut;
     $("payload-text-title").textContent = "Text" + cut;
     $("payload-hex").textContent = F.hexDump(bytes, payloadShown);
@@ -374,6 +387,9 @@ var KV = window.KV || (window.KV = {});
   } else {
     $("live").hidden = true;
     $("report-note").hidden = false;
-    source.summary().then(showSummary);
+    source.summary().then((data) => {
+      showSummary(data);
+      document.body.dataset.state = "ready";
+    });
   }
 }());

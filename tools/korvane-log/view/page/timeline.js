@@ -53,6 +53,7 @@ KV.Timeline = (function () {
       this.zone = "UTC";
       this.requested = 0;
       this.drawn = 0;
+      this.version = 0;
       this.listen();
       window.addEventListener("resize", () => this.refetch());
     }
@@ -87,7 +88,8 @@ KV.Timeline = (function () {
         const name = element("span", "lane-name", source.name);
         name.title = source.name;
         const meta = element("span", "lane-meta");
-        meta.append(element("span", "lane-type", source.type === null ? "type ?" : "type " + source.type),
+        const type = source.type === null ? "type ?" : "type " + source.type;
+        meta.append(element("span", "lane-type", type),
           " \u00b7 ", element("span", "lane-count", F.count(source.count) + " entries"));
         if (source.gapCount > 0) {
           meta.append(" \u00b7 ", element("span", "lane-gaps",
@@ -133,14 +135,17 @@ KV.Timeline = (function () {
 
     zoom(factor, aroundX) {
       const pivot = this.timeAt(aroundX === undefined ? this.width() / 2 : aroundX);
-      this.setView(pivot - (pivot - this.view.from) * factor, pivot + (this.view.to - pivot) * factor);
+      this.setView(pivot - (pivot - this.view.from) * factor,
+        pivot + (this.view.to - pivot) * factor);
     }
 
     // Asks for the bins of the view; an answer for an older view is dropped. The page marks
-    // each drawing of fresh bins on <body data-drawn>, which tests and benchmarks wait for.
+    // each drawing of fresh bins on <body data-drawn>, with the version of the summary it
+    // belongs to, which tests and benchmarks wait for.
     refetch() {
       const ticket = ++this.requested;
       const view = this.view;
+      const version = this.version;
       const count = Math.max(10, Math.floor(this.width() / 2));
       Promise.resolve(this.requestBins(view.from, view.to, count)).then((bins) => {
         if (ticket !== this.requested) {
@@ -149,6 +154,8 @@ KV.Timeline = (function () {
         this.bins = bins;
         this.draw();
         this.drawn += 1;
+        document.body.dataset.drawnAt = String(performance.now());
+        document.body.dataset.drawnVersion = String(version);
         document.body.dataset.drawn = String(this.drawn);
         document.body.dataset.viewFrom = String(view.from);
         document.body.dataset.viewTo = String(view.to);
@@ -279,9 +286,9 @@ KV.Timeline = (function () {
       }
     }
 
-    // The rates of `source` over the view: its bins summed in groups wide enough for several of
-    // its usual intervals, so that a source of 1 Hz draws a rate and not a comb of single
-    // entries. Returns {starts, width, counts, bytes} per group, per second.
+    // The rates of `source` over the view: its bins summed in groups of 16 of its usual
+    // intervals at least, so that a source of 1 Hz draws a rate and not a comb of single
+    // entries. Returns {from, width, counts, bytes}, the last two per second.
     ratesOf(source) {
       const bins = this.bins;
       const of = this.binsOf(source);
@@ -289,7 +296,7 @@ KV.Timeline = (function () {
         return null;
       }
       const group = Math.max(1, Math.ceil(bins.count / 150),
-        Math.ceil((4 * (source.usualInterval || 0)) / bins.width));
+        Math.ceil((16 * (source.usualInterval || 0)) / bins.width));
       const width = group * bins.width;
       const groups = Math.ceil(bins.count / group);
       const rates = { from: bins.from, width, counts: new Array(groups).fill(0),
@@ -366,7 +373,8 @@ KV.Timeline = (function () {
       const near = this.bookmarks.filter((b) => Math.abs(this.xOf(b.time) - x) <= 5);
       if (near.length > 0 && y < lanesHeight) {
         return near.map((b) => ({
-          title: b.title, lines: [b.comment, "entry " + b.entryId + " at " + F.dateTime(b.time, this.zone)],
+          title: b.title,
+          lines: [b.comment, "entry " + b.entryId + " at " + F.dateTime(b.time, this.zone)],
         }));
       }
       const lane = Math.floor(y / laneHeight);

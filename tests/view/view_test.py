@@ -45,10 +45,10 @@ def png(width=4, height=3):
 
 
 def drive_entries():
-    """imu at 50 Hz with a pause, gnss at 1 Hz, camera at 5 Hz with a PNG at 15 s; in time
+    """imu at 200 Hz with a pause, gnss at 1 Hz, camera at 5 Hz with a PNG at 15 s; in time
     order, so that entry i gets id i + 1."""
     rng = random.Random(5)
-    entries = [("imu", 1, 10, t, rng.randbytes(24)) for t in range(0, 30_000, 20)
+    entries = [("imu", 1, 10, t, rng.randbytes(24)) for t in range(0, 30_000, 5)
                if not GAP[0] <= t < GAP[1]]
     entries += [("gnss", 2, 20, t, rng.randbytes(40)) for t in range(0, 30_000, 1000)]
     entries += [("camera", 3, 30, t, png() if t == 15_000 else rng.randbytes(100 + t % 200))
@@ -159,7 +159,8 @@ class ViewTest(unittest.TestCase):
     def open(self, url):
         self.browser.get(url)
         WebDriverWait(self.browser, 20).until(lambda b: b.execute_script(
-            "return document.body.dataset.drawn"))
+            "const d = document.body.dataset;"
+            "return d.state === 'ready' && d.drawnVersion === d.version"))
         return self.browser
 
     def lanes(self):
@@ -208,7 +209,7 @@ class ViewTest(unittest.TestCase):
     def test_serves_counts_entries_and_bytes_as_the_file_holds_them(self):
         summary = self.server.json("/api/summary")
         lanes = {s["name"]: (s["count"], s["gaps"], s["usualInterval"]) for s in summary["sources"]}
-        self.assertEqual(lanes, {"imu": (len(self.counted("imu")), [[T0 + GAP[0] - 20, T0 + GAP[1]]], 20),
+        self.assertEqual(lanes, {"imu": (len(self.counted("imu")), [[T0 + GAP[0] - 5, T0 + GAP[1]]], 5),
                                  "gnss": (30, [], 1000), "camera": (150, [], 200)})
         ids = {s["name"]: s["id"] for s in summary["sources"]}
         for lo, hi, bins in [(T0 - 5000, T0 + 35_000, 400), (T0 + 9_950, T0 + 10_050, 300),
@@ -239,7 +240,7 @@ class ViewTest(unittest.TestCase):
         self.assertEqual(self.lanes(), [("imu", f"{len(self.counted('imu')):,} entries"),
                                         ("gnss", "30 entries"), ("camera", "150 entries")])
         self.assertEqual(self.table("gaps-table"),
-                         [["imu", shown(T0 + GAP[0] - 20), "4.020 s", shown(T0 + GAP[1]), "20 ms"]])
+                         [["imu", shown(T0 + GAP[0] - 5), "4.005 s", shown(T0 + GAP[1]), "5 ms"]])
         self.assertEqual(self.table("bookmarks-table"),
                          [[str(self.brake["id"]), shown(T0 + 5000), "Brake test", "hard stop"],
                           [str(self.frame["id"]), shown(T0 + 15_000), "Camera frame", "a PNG"]])
@@ -323,10 +324,17 @@ class ViewTest(unittest.TestCase):
                 WebDriverWait(page, 10).until(
                     lambda _: [r[2] for r in self.table("bookmarks-table")] == ["Arrived live"])
                 self.assertTrue(page.find_element(By.ID, "live").is_displayed())
+                recorder.stdin.close()
+                recorder.wait(timeout=20)
+                live.unlink()
+                banner = page.find_element(By.ID, "banner")
+                WebDriverWait(page, 10).until(lambda _: banner.is_displayed())
+                self.assertEqual(banner.text, "The file was removed; the page shows it as it was.")
             finally:
                 self.assertEqual(server.stop(), 0)
         finally:
-            recorder.stdin.close()
+            if not recorder.stdin.closed:
+                recorder.stdin.close()
             recorder.wait(timeout=20)
 
     def test_text_of_a_hostile_file_is_shown_and_never_run(self):
@@ -369,7 +377,7 @@ class ViewTest(unittest.TestCase):
         page = self.open(report.as_uri())
         self.assertEqual(self.lanes(), [("imu", f"{len(self.counted('imu')):,} entries"),
                                         ("gnss", "30 entries"), ("camera", "150 entries")])
-        self.assertEqual(self.table("gaps-table")[0][:3], ["imu", shown(T0 + GAP[0] - 20), "4.020 s"])
+        self.assertEqual(self.table("gaps-table")[0][:3], ["imu", shown(T0 + GAP[0] - 5), "4.005 s"])
         self.assertEqual([r[2] for r in self.table("bookmarks-table")], ["Brake test", "Camera frame"])
         # Bins of the report, made in the page from its cells, count every entry of a view.
         for lo, hi in [(T0, T0 + 30_000), (T0 + 9_000, T0 + 15_500)]:

@@ -185,6 +185,8 @@ class ViewTest(unittest.TestCase):
                 ("POST", "/api/summary", None, 405), ("HEAD", "/", None, 405),
                 ("PUT", "/view.css", None, 405), ("DELETE", "/", None, 405),
                 ("GET", "/", "evil.example:" + server.port, 403),
+                ("GET", "/", "127.0.0.1.evil.example:" + server.port, 403),
+                ("GET", "/", "[::1]:" + server.port, 200),
                 ("GET", "/", "localhost:" + server.port, 200),
                 ("GET", "/api/bins?from=5&to=5&bins=3", None, 400),
                 ("GET", "/api/bins?from=x&to=9&bins=3", None, 400),
@@ -397,6 +399,8 @@ class ViewTest(unittest.TestCase):
         text = WORK / "notes.txt"
         text.write_text("not a log\n")
         for args, reason in [(("view", text, "--no-open"), "not a log file"),
+                             (("view", self.drive, "--no-open", "--port", self.server.port),
+                              "cannot listen: Address already in use"),
                              (("report", WORK / "missing.kvlog", "-o", WORK / "x.html"), "no such file"),
                              (("view", WORK / "missing.kvlog"), "no such file")]:
             code, out, err = tool(*args)

@@ -175,7 +175,6 @@ std::vector<EntryRow> EntryTable::rowsOf(std::int8_t source, std::int64_t first,
                                          std::int64_t last) {
     Query query(database,
                 "SELECT entryId, timestamp, dataSourceId, type, length FROM data "
-                "INDEXED BY dataDataSourceIndex "
                 "WHERE dataSourceId = ?1 AND entryId BETWEEN ?2 AND ?3 ORDER BY entryId;");
     sqlite3_bind_int64(query.get(), 1, source);
     sqlite3_bind_int64(query.get(), 2, first);

@@ -44,8 +44,8 @@ public:
     void scan(std::int64_t first, std::int64_t last,
               const std::function<bool(const EntryRow&)>& visit, std::int64_t window = 4096);
 
-    // The rows of `source` with ids from `first` to `last`, in id order, found through the
-    // file's index of sources.
+    // The rows of `source` with ids from `first` to `last`, in id order; SQLite finds them
+    // through the file's index of sources.
     std::vector<EntryRow> rowsOf(std::int8_t source, std::int64_t first, std::int64_t last);
 
     // The timestamp of entry `id`, or -1 with `found` false when there is no such entry.

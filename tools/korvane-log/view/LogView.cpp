@@ -318,7 +318,7 @@ json LogView::summaryLocked() const {
         const auto id = source["id"].get<std::int8_t>();
         const Cell total = summary.total(id);
         source.update(cellTimes(total));
-        Rhythm rhythm = summary.rhythm(id);
+        Rhythm rhythm = rhythmOf(id);
         source["usualInterval"] = rhythm.usualIntervalMs;
         source["gapThreshold"] = rhythm.gapThresholdMs;
         source["gapsExact"] = rhythm.exact;
@@ -338,6 +338,20 @@ json LogView::summaryLocked() const {
         source["gaps"] = std::move(gaps);
     }
     return out;
+}
+
+Rhythm LogView::rhythmOf(std::int8_t source) const {
+    // Gaps take a pass over all cells of the source; the page asks again only for a new version.
+    std::lock_guard<std::mutex> lock(rhythmMutex);
+    if (rhythmsVersion != version.load()) {
+        rhythms.clear();
+        rhythmsVersion = version.load();
+    }
+    auto found = rhythms.find(source);
+    if (found == rhythms.end()) {
+        found = rhythms.emplace(source, summary.rhythm(source)).first;
+    }
+    return found->second;
 }
 
 std::string LogView::summaryJson() const {

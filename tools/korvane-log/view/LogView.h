@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -88,6 +89,8 @@ private:
     bool followOnce();
     void loadAnnotations();
     nlohmann::ordered_json summaryLocked() const;
+    // The rhythm of `source`, kept until the version changes; with `stateMutex` held.
+    Rhythm rhythmOf(std::int8_t source) const;
 
     const std::filesystem::path file;
     const Options options;
@@ -109,6 +112,10 @@ private:
     std::uintmax_t fileSize = 0;
     mutable std::condition_variable_any counted;
     bool ready = false;
+
+    mutable std::mutex rhythmMutex;
+    mutable std::uint64_t rhythmsVersion = 0;
+    mutable std::map<std::int8_t, Rhythm> rhythms;
 
     std::atomic<std::uint64_t> version{1};
     std::atomic<std::uint64_t> rowsCounted{0};

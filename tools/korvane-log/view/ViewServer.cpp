@@ -1,6 +1,9 @@
 #include "ViewServer.h"
 
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <charconv>
@@ -39,8 +42,16 @@ const httplib::Headers commonHeaders{
     {"Cache-Control", "no-store"},
 };
 
+// True for "localhost" and for the literal addresses of this machine's loopback: 127.x.y.z
+// written as four numbers, and ::1. A name that merely begins with "127." is none of them.
 bool isLoopback(const std::string& address) {
-    return address == "localhost" || address == "::1" || address.rfind("127.", 0) == 0;
+    in_addr ipv4{};
+    in6_addr ipv6{};
+    if (inet_pton(AF_INET, address.c_str(), &ipv4) == 1) {
+        return (ntohl(ipv4.s_addr) >> 24) == 127;
+    }
+    return address == "localhost" ||
+           (inet_pton(AF_INET6, address.c_str(), &ipv6) == 1 && IN6_IS_ADDR_LOOPBACK(&ipv6));
 }
 
 // The name or address in a Host header, without its port and brackets.
@@ -104,6 +115,12 @@ void sendBytes(httplib::Response& response, ByteArray bytes, const std::string& 
 ViewServer::ViewServer(const LogView& view, std::string address)
     : view(view), address(std::move(address)), server(std::make_unique<httplib::Server>()) {
     server->set_default_headers(commonHeaders);
+    // The library's default also sets SO_REUSEPORT, which would let a second server share the
+    // port and take some of the page's requests: a port in use is refused instead.
+    server->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     // The page asks often and briefly; a short keep-alive lets Ctrl-C end the server at once.
     server->set_keep_alive_timeout(1);
     server->set_payload_max_length(0);
@@ -236,8 +253,10 @@ void ViewServer::stop() {
 }
 
 std::string ViewServer::url() const {
-    const bool ipv6 = address.find(':') != std::string::npos;
-    return "http://" + (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port) + "/";
+    // Listening on every address includes the loopback one, which a browser here can open.
+    const std::string host = address == "0.0.0.0" ? "127.0.0.1" : address == "::" ? "::1" : address;
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/";
 }
 
 }  // namespace KorvaneLog::View

@@ -78,6 +78,17 @@ std::vector<Recording> recordings() {
     }
     all.push_back({"times out of id order", shuffled, 4096});
 
+    // Pauses of 90 ms every second, just short of a gap, in cells of 64 ms: no gap may be
+    // found where the next cell ends more than the threshold after the last entry.
+    std::vector<Entry> pausing;
+    for (std::int64_t t = 0; t < 20'000; t += 10) {
+        if (t % 1000 < 900 || t % 1000 >= 980) {
+            pausing.push_back({7, 0, 1'700'000'000'000 + t, 1});
+        }
+    }
+    numberInTimeOrder(pausing);
+    all.push_back({"pauses short of a gap", pausing, 384});
+
     std::vector<Entry> early;
     addSource(early, 5, -86'400'007, 7, 50'000);
     addSource(early, 6, -86'400'000, 250, 50'000, -86'380'000, -86'370'000);
@@ -192,6 +203,10 @@ TEST(TimelineSummaryTest, GapsAreThePausesLongerThanTheThreshold) {
                 found.emplace_back(gap.from, gap.to);
             }
             ASSERT_EQ(rhythm.exact, summary.widthMs() - 1 <= rhythm.gapThresholdMs);
+            if (recording.name == "pauses short of a gap") {
+                ASSERT_EQ(summary.widthMs(), 64);
+                ASSERT_TRUE(rhythm.exact);
+            }
             if (rhythm.exact) {
                 EXPECT_EQ(found, expected) << recording.name << ", source " << int(source);
             } else {

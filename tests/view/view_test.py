@@ -88,6 +88,8 @@ class Server:
         self.url = self.process.stdout.readline().decode().strip()
         assert self.url.startswith("http://"), self.process.stderr.read().decode()
         self.host, self.port = self.url[7:-1].rsplit(":", 1)
+        while self.json("/api/live")["state"] == "counting":
+            time.sleep(0.02)
 
     def get(self, path, method="GET", headers=None):
         connection = http.client.HTTPConnection(self.host, int(self.port), timeout=30)
@@ -163,14 +165,16 @@ class ViewTest(unittest.TestCase):
             "return d.state === 'ready' && d.drawnVersion === d.version"))
         return self.browser
 
+    # What the page shows, read in one step: the page may redraw between two reads.
     def lanes(self):
-        return [(label.find_element(By.CLASS_NAME, "lane-name").text,
-                 label.find_element(By.CLASS_NAME, "lane-count").text)
-                for label in self.browser.find_elements(By.CLASS_NAME, "lane-label")]
+        return [tuple(lane) for lane in self.browser.execute_script(
+            "return [...document.querySelectorAll('.lane-label')].map(l => ["
+            "l.querySelector('.lane-name').textContent, l.querySelector('.lane-count').textContent])")]
 
     def table(self, table_id):
-        return [[cell.text for cell in row.find_elements(By.TAG_NAME, "td")]
-                for row in self.browser.find_elements(By.CSS_SELECTOR, f"#{table_id} tbody tr")]
+        return self.browser.execute_script(
+            "return [...document.querySelectorAll(`#${arguments[0]} tbody tr`)].map("
+            "r => [...r.cells].map(c => c.textContent))", table_id)
 
     def test_answers_only_its_own_gets_on_loopback(self):
         server = self.server
@@ -394,6 +398,66 @@ class ViewTest(unittest.TestCase):
                 self.assertEqual(source["counts"], expected, (name, lo, hi))
         self.assertEqual(page.execute_script(
             "return arguments[0].naturalWidth", page.find_element(By.CSS_SELECTOR, "#thumbnail img")), 8)
+
+    def test_counts_entries_whose_timestamps_do_not_follow_their_ids(self):
+        shuffled = [dict(e) for e in self.entries]
+        random.Random(9).shuffle(shuffled)
+        for i, entry in enumerate(shuffled):
+            entry["id"] = i + 1
+        path = WORK / "shuffled.kvlog"
+        record(path, shuffled)
+        server = Server(path)
+        try:
+            summary = server.json("/api/summary")
+            self.assertEqual({s["name"]: (s["count"], s["gaps"]) for s in summary["sources"]},
+                             {"imu": (len(self.counted("imu")), [[T0 + GAP[0] - 5, T0 + GAP[1]]]),
+                              "gnss": (30, []), "camera": (150, [])})
+            names = {s["id"]: s["name"] for s in summary["sources"]}
+            for lo, hi, bins in [(T0, T0 + 30_000, 250), (T0 + 9_950, T0 + 10_050, 300),
+                                 (T0 + 4_990, T0 + 5_011, 100)]:
+                answer = server.json(f"/api/bins?from={lo}&to={hi}&bins={bins}")
+                for source in answer["sources"]:
+                    edges = [answer["from"] + i * answer["width"] for i in range(answer["count"] + 1)]
+                    expected = [sum(1 for e in shuffled if e["source"] == names[source["id"]]
+                                    and a <= e["timestamp"] < b) for a, b in zip(edges, edges[1:])]
+                    self.assertEqual(source["counts"], expected, (lo, hi, bins))
+            at = T0 + 5_002
+            in_time = sorted(shuffled, key=lambda e: (e["timestamp"], e["id"]))
+            expected = ([e["id"] for e in in_time if e["timestamp"] < at][-6:]
+                        + [e["id"] for e in in_time if e["timestamp"] >= at][:6])
+            self.assertEqual([e["id"] for e in server.json(f"/api/entries?at={at}&count=12")["entries"]],
+                             expected)
+        finally:
+            server.stop()
+
+    def test_page_formats_times_sizes_and_images(self):
+        page = self.open(self.server.url)
+        run = lambda call, *args: page.execute_script(f"return KV.format.{call}", *args)
+        for ms, text in [(850, "850 ms"), (6000, "6.000 s"), (123_250, "2 min 03 s"),
+                         (3_723_000, "1 h 02 min"), (93_784_000, "1 d 02 h")]:
+            self.assertEqual(run("duration(arguments[0])", ms), text)
+        for size, text in [(512, "512 B"), (1536, "1.50 KiB"), (28_000_000, "26.7 MiB")]:
+            self.assertEqual(run("size(arguments[0])", size), text)
+        for ms in (T0, T0 + 86_399_999, -1):
+            self.assertEqual(run("dateTime(arguments[0], arguments[1])", ms, ZONE), shown(ms))
+        self.assertEqual(run("zone('Mars/Olympus')"), {"zone": "UTC", "known": False})
+        # Hour ticks fall on whole hours of the file's zone, half an hour off UTC in this one.
+        ticks = run("ticks(arguments[0], arguments[1], 3600000, arguments[2])", T0, T0 + 5 * 3_600_000, ZONE)
+        self.assertEqual(len(ticks), 5)
+        self.assertTrue(all(shown(t).endswith(":00:00.000") for t in ticks), ticks)
+        gray = b"P5\n# made by hand\n2 2\n255\n" + bytes([0, 64, 128, 255])
+        color = b"P6 1 2 100 " + bytes([100, 0, 50, 0, 100, 0])
+        for data, pixels in [(gray, [0, 0, 0, 255, 64, 64, 64, 255, 128, 128, 128, 255, 255, 255, 255, 255]),
+                             (color, [255, 0, 128, 255, 0, 255, 0, 255]),
+                             (gray[:-1], None), (b"P5 2 2 0 " + bytes(4), None), (b"P7 1 1 255 x", None)]:
+            image = run("decodePnm(new Uint8Array(arguments[0]))", list(data))
+            self.assertEqual(image and image["rgba"], pixels, data)
+        for data, kind in [(png(), "image/png"), (b"\xff\xd8\xff\xe0", "image/jpeg"),
+                           (b"GIF89a", "image/gif"), (b"RIFF\0\0\0\0WEBPVP8 ", "image/webp"),
+                           (gray, "image/x-portable-anymap"), (b"<svg onload=x>", None), (b"", None)]:
+            self.assertEqual(run("imageType(new Uint8Array(arguments[0]))", list(data)), kind, data)
+        self.assertEqual(run("text(new Uint8Array(arguments[0]))", list(b"a\tb\nc\x00\x1b[31m\xc3\xa9")),
+                         "a\tb\nc\u00b7\u00b7[31m\u00e9")
 
     def test_refuses_what_is_no_log_file(self):
         text = WORK / "notes.txt"

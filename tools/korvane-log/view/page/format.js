@@ -199,6 +199,9 @@ KV.format = (function () {
   // A binary PGM (P5) or PPM (P6) image of 8-bit samples as {width, height, rgba}; null when the
   // bytes are not one or are cut short.
   function decodePnm(bytes) {
+    if (bytes.length < 3 || bytes[0] !== 0x50 || (bytes[1] !== 0x35 && bytes[1] !== 0x36)) {
+      return null;
+    }
     const fields = [];
     let at = 2;
     while (fields.length < 3 && at < bytes.length) {

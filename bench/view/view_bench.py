@@ -53,8 +53,8 @@ def entries_in(path):
 def drawn(page, after):
     """Waits until the page has drawn bins for the first time after drawing number `after`;
     with `after` 0, until it has drawn the timeline of the whole file once it is counted."""
-    ready = ("const d = document.body.dataset;"
-             "return d.state === 'ready' && d.drawnVersion === d.version && +d.drawn > arguments[0]")
+    ready = ("const d = document.body.dataset; return d.state === 'ready'"
+             " && d.drawnVersion === d.version && +d.drawn > arguments[0]")
     WebDriverWait(page, 300, poll_frequency=0.01).until(lambda b: b.execute_script(ready, after))
     return int(page.execute_script("return document.body.dataset.drawn"))
 
@@ -64,10 +64,12 @@ def zoom_ms(page, factor_exponent):
     of the new view's bins."""
     before = int(page.execute_script("return document.body.dataset.drawn"))
     start = page.execute_script(
-        "const lanes = document.getElementById('lanes'); const box = lanes.getBoundingClientRect();"
+        "const lanes = document.getElementById('lanes');"
+        "const box = lanes.getBoundingClientRect();"
         "const t0 = performance.now();"
         "lanes.dispatchEvent(new WheelEvent('wheel', {deltaY: arguments[0], bubbles: true,"
-        " clientX: box.left + box.width / 2, clientY: box.top + 10})); return t0;", factor_exponent)
+        " clientX: box.left + box.width / 2, clientY: box.top + 10})); return t0;",
+        factor_exponent)
     drawn(page, before)
     return float(page.execute_script("return document.body.dataset.drawnAt")) - start
 

@@ -10,13 +10,14 @@ import random
 import shutil
 import signal
 import socket
+import sqlite3
 import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
-import urllib.request
+import urllib.parse
 import zlib
 from pathlib import Path
 from zoneinfo import ZoneInfo
@@ -136,7 +137,8 @@ class ViewTest(unittest.TestCase):
         cls.entries = drive_entries()
         cls.drive = WORK / "drive.kvlog"
         record(cls.drive, cls.entries)
-        cls.brake = next(e for e in cls.entries if e["source"] == "imu" and e["timestamp"] == T0 + 5000)
+        cls.brake = next(e for e in cls.entries
+                         if e["source"] == "imu" and e["timestamp"] == T0 + 5000)
         cls.frame = next(e for e in cls.entries if e["data"][:4] == b"\x89PNG")
         (WORK / "thumb.png").write_bytes(png(8, 6))
         (WORK / "calib.json").write_bytes(b'{"fx": 512}')
@@ -169,7 +171,8 @@ class ViewTest(unittest.TestCase):
     def lanes(self):
         return [tuple(lane) for lane in self.browser.execute_script(
             "return [...document.querySelectorAll('.lane-label')].map(l => ["
-            "l.querySelector('.lane-name').textContent, l.querySelector('.lane-count').textContent])")]
+            "l.querySelector('.lane-name').textContent,"
+            "l.querySelector('.lane-count').textContent])")]
 
     def table(self, table_id):
         return self.browser.execute_script(
@@ -214,8 +217,10 @@ class ViewTest(unittest.TestCase):
 
     def test_serves_counts_entries_and_bytes_as_the_file_holds_them(self):
         summary = self.server.json("/api/summary")
-        lanes = {s["name"]: (s["count"], s["gaps"], s["usualInterval"]) for s in summary["sources"]}
-        self.assertEqual(lanes, {"imu": (len(self.counted("imu")), [[T0 + GAP[0] - 5, T0 + GAP[1]]], 5),
+        lanes = {s["name"]: (s["count"], s["gaps"], s["usualInterval"])
+                 for s in summary["sources"]}
+        imu = (len(self.counted("imu")), [[T0 + GAP[0] - 5, T0 + GAP[1]]], 5)
+        self.assertEqual(lanes, {"imu": imu,
                                  "gnss": (30, [], 1000), "camera": (150, [], 200)})
         ids = {s["name"]: s["id"] for s in summary["sources"]}
         for lo, hi, bins in [(T0 - 5000, T0 + 35_000, 400), (T0 + 9_950, T0 + 10_050, 300),
@@ -256,7 +261,8 @@ class ViewTest(unittest.TestCase):
         thumbnail = page.find_element(By.CSS_SELECTOR, "#thumbnail img")
         self.assertEqual(page.execute_script("return arguments[0].naturalWidth", thumbnail), 8)
         # The bins drawn for the whole view hold every entry of every lane.
-        drawn = page.execute_script("return KV.timeline.bins.sources.map(s => s.counts.reduce((a, b) => a + b))")
+        drawn = page.execute_script(
+            "return KV.timeline.bins.sources.map(s => s.counts.reduce((a, b) => a + b))")
         self.assertEqual(drawn, [len(self.counted(n)) for n in ("imu", "gnss", "camera")])
         # Hovering over a bookmark's marker tells its title and comment.
         lanes = page.find_element(By.ID, "lanes")
@@ -270,9 +276,10 @@ class ViewTest(unittest.TestCase):
         self.assertEqual(tooltip.text.split("\n")[:2], ["Brake test", "hard stop"])
         # Zooming in with the wheel redraws the lanes from fresh bins of the narrower view.
         drawn_before = page.execute_script("return document.body.dataset.drawn")
-        page.execute_script("arguments[0].dispatchEvent(new WheelEvent('wheel', {deltaY: -400, "
-                            "clientX: arguments[0].getBoundingClientRect().left + 300, "
-                            "clientY: arguments[0].getBoundingClientRect().top + 10, bubbles: true}))", lanes)
+        page.execute_script("const box = arguments[0].getBoundingClientRect();"
+                            "arguments[0].dispatchEvent(new WheelEvent('wheel', {deltaY: -400,"
+                            "clientX: box.left + 300, clientY: box.top + 10, bubbles: true}))",
+                            lanes)
         WebDriverWait(page, 10).until(lambda b: b.execute_script(
             "return document.body.dataset.drawn") != drawn_before)
         view_from, view_to = (float(page.execute_script(f"return document.body.dataset.{k}"))
@@ -287,7 +294,8 @@ class ViewTest(unittest.TestCase):
         WebDriverWait(page, 10).until(lambda b: b.execute_script(
             "return document.body.dataset.viewFrom") == str(self.frame["timestamp"] - 2000))
         # The camera lane is the third: click it in the middle, where the PNG was recorded.
-        ActionChains(page).move_to_element_with_offset(lanes, 0, 2 * 40 + 20 - lanes.size["height"] // 2).click().perform()
+        ActionChains(page).move_to_element_with_offset(
+            lanes, 0, 2 * 40 + 20 - lanes.size["height"] // 2).click().perform()
         WebDriverWait(page, 10).until(lambda b: len(self.table("entries-table")) > 0)
         rows = self.table("entries-table")
         self.assertTrue(all(row[2] == "camera" for row in rows), rows)
@@ -301,7 +309,8 @@ class ViewTest(unittest.TestCase):
         self.assertEqual(shown_bytes, self.frame["data"])
         self.assertIn("PNG", page.find_element(By.ID, "payload-text").text)
         image = page.find_element(By.CSS_SELECTOR, "#payload-image img")
-        WebDriverWait(page, 5).until(lambda b: b.execute_script("return arguments[0].naturalWidth", image) == 4)
+        WebDriverWait(page, 5).until(
+            lambda b: b.execute_script("return arguments[0].naturalWidth", image) == 4)
         link = page.find_element(By.ID, "payload-download")
         self.assertTrue(link.get_attribute("href").endswith(f"api/payload?id={self.frame['id']}"))
 
@@ -332,10 +341,12 @@ class ViewTest(unittest.TestCase):
                 self.assertTrue(page.find_element(By.ID, "live").is_displayed())
                 recorder.stdin.close()
                 recorder.wait(timeout=20)
-                live.unlink()
+                live.rename(WORK / "moved.kvlog")
+                shutil.copyfile(WORK / "moved.kvlog", live)
                 banner = page.find_element(By.ID, "banner")
                 WebDriverWait(page, 10).until(lambda _: banner.is_displayed())
-                self.assertEqual(banner.text, "The file was removed; the page shows it as it was.")
+                self.assertEqual(banner.text, "The file was replaced by another file; the page "
+                                              "shows it as it was.")
             finally:
                 self.assertEqual(server.stop(), 0)
         finally:
@@ -348,9 +359,10 @@ class ViewTest(unittest.TestCase):
         record(hostile, [{"source": HOSTILE, "sourceType": 1, "type": 1, "timestamp": T0 + t,
                           "data": b"<script>"} for t in (0, 10, 20)], zone=BREAKOUT)
         (WORK / "r.bin").write_bytes(b"1")
+        svg = '"><svg onload=window.__pwned=3>'
         for args in (("meta", hostile, "set", HOSTILE, BREAKOUT),
                      ("bookmarks", hostile, "add", 2, BREAKOUT, HOSTILE),
-                     ("resources", hostile, "add", '"><svg onload=window.__pwned=3>', WORK / "r.bin")):
+                     ("resources", hostile, "add", svg, WORK / "r.bin")):
             must(*args)
         report = WORK / "hostile.html"
         must("report", hostile, "-o", report)
@@ -362,12 +374,14 @@ class ViewTest(unittest.TestCase):
                 self.assertIn([HOSTILE, BREAKOUT, "string"], self.table("metadata-table"))
                 self.assertEqual(self.table("bookmarks-table")[0][2:], [BREAKOUT, HOSTILE])
                 if url == server.url:
-                    self.assertEqual(self.table("resources-table")[0][0], '"><svg onload=window.__pwned=3>')
+                    self.assertEqual(self.table("resources-table")[0][0], svg)
                 self.assertIsNone(page.execute_script("return window.__pwned"), url)
+                planted = "svg, [onerror], [onload], img[src=x]"
                 self.assertEqual(page.execute_script(
-                    "return document.querySelectorAll('svg, [onerror], [onload], img[src=x]').length"), 0)
+                    "return document.querySelectorAll(arguments[0]).length", planted), 0)
                 self.assertEqual(len(page.find_elements(By.CSS_SELECTOR, "script:not([type])")), 3)
-                refused = [m for m in page.get_log("browser") if "Content Security Policy" in m["message"]]
+                refused = [m for m in page.get_log("browser")
+                           if "Content Security Policy" in m["message"]]
                 self.assertEqual(refused, [], url)
         finally:
             server.stop()
@@ -376,15 +390,18 @@ class ViewTest(unittest.TestCase):
         report = WORK / "drive.html"
         must("report", self.drive, "-o", report)
         code, _, err = tool("report", self.drive, "-o", report)
-        self.assertEqual((code, err.strip()), (1, f"korvane-log: {report}: exists already; will not overwrite it"))
+        self.assertEqual((code, err.strip()),
+                         (1, f"korvane-log: {report}: exists already; will not overwrite it"))
         html = report.read_text()
         self.assertNotIn(" src=", html)
         self.assertNotIn(" href=\"view.css", html)
         page = self.open(report.as_uri())
         self.assertEqual(self.lanes(), [("imu", f"{len(self.counted('imu')):,} entries"),
                                         ("gnss", "30 entries"), ("camera", "150 entries")])
-        self.assertEqual(self.table("gaps-table")[0][:3], ["imu", shown(T0 + GAP[0] - 5), "4.005 s"])
-        self.assertEqual([r[2] for r in self.table("bookmarks-table")], ["Brake test", "Camera frame"])
+        self.assertEqual(self.table("gaps-table")[0][:3],
+                         ["imu", shown(T0 + GAP[0] - 5), "4.005 s"])
+        self.assertEqual([r[2] for r in self.table("bookmarks-table")],
+                         ["Brake test", "Camera frame"])
         # Bins of the report, made in the page from its cells, count every entry of a view.
         for lo, hi in [(T0, T0 + 30_000), (T0 + 9_000, T0 + 15_500)]:
             page.execute_script("KV.timeline.setView(arguments[0], arguments[1])", lo, hi)
@@ -396,8 +413,8 @@ class ViewTest(unittest.TestCase):
                                              bins["from"] + (i + 1) * bins["width"]))
                             for i in range(bins["count"])]
                 self.assertEqual(source["counts"], expected, (name, lo, hi))
-        self.assertEqual(page.execute_script(
-            "return arguments[0].naturalWidth", page.find_element(By.CSS_SELECTOR, "#thumbnail img")), 8)
+        thumbnail = page.find_element(By.CSS_SELECTOR, "#thumbnail img")
+        self.assertEqual(page.execute_script("return arguments[0].naturalWidth", thumbnail), 8)
 
     def test_counts_entries_whose_timestamps_do_not_follow_their_ids(self):
         shuffled = [dict(e) for e in self.entries]
@@ -417,7 +434,8 @@ class ViewTest(unittest.TestCase):
                                  (T0 + 4_990, T0 + 5_011, 100)]:
                 answer = server.json(f"/api/bins?from={lo}&to={hi}&bins={bins}")
                 for source in answer["sources"]:
-                    edges = [answer["from"] + i * answer["width"] for i in range(answer["count"] + 1)]
+                    edges = [answer["from"] + i * answer["width"]
+                             for i in range(answer["count"] + 1)]
                     expected = [sum(1 for e in shuffled if e["source"] == names[source["id"]]
                                     and a <= e["timestamp"] < b) for a, b in zip(edges, edges[1:])]
                     self.assertEqual(source["counts"], expected, (lo, hi, bins))
@@ -425,8 +443,8 @@ class ViewTest(unittest.TestCase):
             in_time = sorted(shuffled, key=lambda e: (e["timestamp"], e["id"]))
             expected = ([e["id"] for e in in_time if e["timestamp"] < at][-6:]
                         + [e["id"] for e in in_time if e["timestamp"] >= at][:6])
-            self.assertEqual([e["id"] for e in server.json(f"/api/entries?at={at}&count=12")["entries"]],
-                             expected)
+            listed = server.json(f"/api/entries?at={at}&count=12")["entries"]
+            self.assertEqual([e["id"] for e in listed], expected)
         finally:
             server.stop()
 
@@ -442,22 +460,68 @@ class ViewTest(unittest.TestCase):
             self.assertEqual(run("dateTime(arguments[0], arguments[1])", ms, ZONE), shown(ms))
         self.assertEqual(run("zone('Mars/Olympus')"), {"zone": "UTC", "known": False})
         # Hour ticks fall on whole hours of the file's zone, half an hour off UTC in this one.
-        ticks = run("ticks(arguments[0], arguments[1], 3600000, arguments[2])", T0, T0 + 5 * 3_600_000, ZONE)
+        ticks = run("ticks(arguments[0], arguments[1], 3600000, arguments[2])",
+                    T0, T0 + 5 * 3_600_000, ZONE)
         self.assertEqual(len(ticks), 5)
         self.assertTrue(all(shown(t).endswith(":00:00.000") for t in ticks), ticks)
         gray = b"P5\n# made by hand\n2 2\n255\n" + bytes([0, 64, 128, 255])
         color = b"P6 1 2 100 " + bytes([100, 0, 50, 0, 100, 0])
-        for data, pixels in [(gray, [0, 0, 0, 255, 64, 64, 64, 255, 128, 128, 128, 255, 255, 255, 255, 255]),
+        for data, pixels in [(gray, [0, 0, 0, 255, 64, 64, 64, 255,
+                                     128, 128, 128, 255, 255, 255, 255, 255]),
                              (color, [255, 0, 128, 255, 0, 255, 0, 255]),
-                             (gray[:-1], None), (b"P5 2 2 0 " + bytes(4), None), (b"P7 1 1 255 x", None)]:
+                             (gray[:-1], None), (b"P5 2 2 0 " + bytes(4), None),
+                             (b"P7 1 1 255 x", None)]:
             image = run("decodePnm(new Uint8Array(arguments[0]))", list(data))
             self.assertEqual(image and image["rgba"], pixels, data)
         for data, kind in [(png(), "image/png"), (b"\xff\xd8\xff\xe0", "image/jpeg"),
                            (b"GIF89a", "image/gif"), (b"RIFF\0\0\0\0WEBPVP8 ", "image/webp"),
-                           (gray, "image/x-portable-anymap"), (b"<svg onload=x>", None), (b"", None)]:
-            self.assertEqual(run("imageType(new Uint8Array(arguments[0]))", list(data)), kind, data)
-        self.assertEqual(run("text(new Uint8Array(arguments[0]))", list(b"a\tb\nc\x00\x1b[31m\xc3\xa9")),
+                           (gray, "image/x-portable-anymap"), (b"<svg onload=x>", None),
+                           (b"", None)]:
+            self.assertEqual(run("imageType(new Uint8Array(arguments[0]))", list(data)), kind,
+                             data)
+        self.assertEqual(run("text(new Uint8Array(arguments[0]))",
+                             list(b"a\tb\nc\x00\x1b[31m\xc3\xa9")),
                          "a\tb\nc\u00b7\u00b7[31m\u00e9")
+
+    def test_downloads_survive_odd_names_and_a_browser_that_leaves(self):
+        name = 'a "b"\r\nSet-Cookie: x=1/../c'
+        odd = WORK / "odd.kvlog"
+        record(odd, self.entries[:50])
+        must("resources", odd, "add", name, WORK / "calib.json")
+        server = Server(odd)
+        try:
+            status, headers, body = server.get("/api/resource?name=" + urllib.parse.quote(name))
+            self.assertEqual((status, body), (200, b'{"fx": 512}'))
+            self.assertRegex(headers["Content-Disposition"],
+                             r'^attachment; filename="a__b___Set[\w.-]*c"$')
+            self.assertNotIn("Set-Cookie", {key.title() for key in headers})
+            # A browser that goes away in the middle of an answer leaves the server running.
+            for _ in range(3):
+                sock = socket.create_connection((server.host, int(server.port)))
+                sock.sendall(b"GET /page.js HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
+                sock.close()
+            self.assertEqual(server.get("/api/live")[0], 200)
+        finally:
+            self.assertEqual(server.stop(), 0)
+
+    def test_a_file_without_entries_draws_empty_lanes(self):
+        empty = WORK / "empty.kvlog"
+        record(empty, self.entries[:1])
+        with sqlite3.connect(empty) as db:
+            db.execute("DELETE FROM data")
+            db.execute("INSERT INTO dataSources VALUES (9, 4, 'idle')")
+        report = WORK / "empty.html"
+        must("report", empty, "-o", report)
+        server = Server(empty)
+        try:
+            for url in (server.url, report.as_uri()):
+                self.open(url)
+                self.assertEqual(self.lanes(), [("imu", "0 entries"), ("idle", "0 entries")], url)
+                self.assertEqual(self.table("gaps-table"), [])
+                self.assertIsNone(
+                    self.browser.execute_script("return document.body.dataset.binsError"))
+        finally:
+            server.stop()
 
     def test_refuses_what_is_no_log_file(self):
         text = WORK / "notes.txt"
@@ -465,7 +529,8 @@ class ViewTest(unittest.TestCase):
         for args, reason in [(("view", text, "--no-open"), "not a log file"),
                              (("view", self.drive, "--no-open", "--port", self.server.port),
                               "cannot listen: Address already in use"),
-                             (("report", WORK / "missing.kvlog", "-o", WORK / "x.html"), "no such file"),
+                             (("report", WORK / "missing.kvlog", "-o", WORK / "x.html"),
+                              "no such file"),
                              (("view", WORK / "missing.kvlog"), "no such file")]:
             code, out, err = tool(*args)
             self.assertEqual((code, out), (1, ""), args)

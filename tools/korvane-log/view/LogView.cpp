@@ -199,6 +199,10 @@ bool LogView::followOnce() {
         countedThrough = last;
         rowsCounted = summary.entryCount();
         rowsToCount = summary.entryCount();
+        changed = true;
+    }
+    if (static_cast<std::uintmax_t>(status.st_size) != fileSize) {
+        std::unique_lock<std::shared_mutex> lock(stateMutex);
         fileSize = static_cast<std::uintmax_t>(status.st_size);
         changed = true;
     }

@@ -364,6 +364,7 @@ class ViewTest(unittest.TestCase):
                      ("bookmarks", hostile, "add", 2, BREAKOUT, HOSTILE),
                      ("resources", hostile, "add", svg, WORK / "r.bin")):
             must(*args)
+        before = (hostile.read_bytes(), hostile.stat().st_mtime_ns)
         report = WORK / "hostile.html"
         must("report", hostile, "-o", report)
         server = Server(hostile)
@@ -385,6 +386,9 @@ class ViewTest(unittest.TestCase):
                 self.assertEqual(refused, [], url)
         finally:
             server.stop()
+        # Neither reading nor serving wrote to the file.
+        self.assertEqual((hostile.read_bytes(), hostile.stat().st_mtime_ns), before)
+        self.assertEqual(sorted(p.name for p in WORK.glob("hostile.kvlog*")), ["hostile.kvlog"])
 
     def test_report_shows_the_same_timeline_offline(self):
         report = WORK / "drive.html"

@@ -285,6 +285,19 @@ class ViewTest(unittest.TestCase):
         view_from, view_to = (float(page.execute_script(f"return document.body.dataset.{k}"))
                               for k in ("viewFrom", "viewTo"))
         self.assertLess(view_to - view_from, 30_000 / 2)
+        # Dragging the lanes pans by as much time as the pointer moved; dragging over the time
+        # axis zooms to the span it covered.
+        width, height = lanes.size["width"], lanes.size["height"]
+        for start, end, y, expected in [
+                (0.5, 0.25, 20, lambda f, t: (f + (t - f) / 4, t + (t - f) / 4)),
+                (0.25, 0.75, height - 10, lambda f, t: (f + (t - f) / 4, f + (t - f) * 3 / 4))]:
+            view = page.execute_script("return KV.timeline.view")
+            ActionChains(page).move_to_element_with_offset(
+                lanes, int(width * (start - 0.5)), y - height // 2).click_and_hold() \
+                .move_by_offset(int(width * (end - start)), 0).release().perform()
+            got = page.execute_script("return KV.timeline.view")
+            for value, wanted in zip((got["from"], got["to"]), expected(view["from"], view["to"])):
+                self.assertAlmostEqual(value, wanted, delta=(view["to"] - view["from"]) / 100)
 
     def test_chosen_entry_shows_its_payload(self):
         page = self.open(self.server.url)

@@ -107,10 +107,13 @@ class Server:
         return json.loads(body)
 
     def stop(self):
+        """Ends the server as Ctrl-C does; its exit code. A sanitizer's report fails the test."""
         self.process.send_signal(signal.SIGINT)
         code = self.process.wait(timeout=20)
+        errors = self.process.stderr.read().decode(errors="replace")
         self.process.stdout.close()
         self.process.stderr.close()
+        assert "Sanitizer" not in errors, errors
         return code
 
 
@@ -154,7 +157,7 @@ class ViewTest(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.browser.quit()
-        cls.server.stop()
+        assert cls.server.stop() == 0
 
     def counted(self, source=None, lo=-2**62, hi=2**62):
         return [e for e in self.entries if (source is None or e["source"] == source)

@@ -8,7 +8,7 @@ KV.Timeline = (function () {
   const F = KV.format;
   const laneHeight = 40;
   const axisHeight = 30;
-  const rateHeight = 110;
+  const rateHeight = 56;
   const palette = ["#1f77b4", "#d95f02", "#2ca02c", "#7b3294", "#e7298a", "#8c564b",
     "#17becf", "#bcbd22", "#525252", "#e6ab02"];
 
@@ -308,43 +308,37 @@ KV.Timeline = (function () {
       return rates;
     }
 
-    // Entries/s and bytes/s of every source over the view, one line per source.
+    // A rate plot per source, under the lanes: its entries/s (solid) and bytes/s (dashed) over
+    // the view, each scaled to its own highest value in view, which the legend tells.
     drawRates() {
       const width = this.width();
-      const context = fit(this.parts.rates, width, 2 * rateHeight);
-      context.clearRect(0, 0, width, 2 * rateHeight);
-      const rates = this.bins ? this.sources.map((source) => this.ratesOf(source)) : [];
-      const charts = [["entries/s", "counts", "/s"], ["bytes/s (stored)", "bytes", "B/s"]];
-      charts.forEach(([title, field, unit], chart) => {
-        const top = chart * rateHeight;
-        const room = rateHeight - 26;
-        context.fillStyle = "#fcfcfc";
-        context.fillRect(0, top + 18, width, room);
-        let highest = 0;
-        for (const of of rates) {
+      const height = Math.max(1, this.sources.length) * rateHeight;
+      const context = fit(this.parts.rates, width, height);
+      context.clearRect(0, 0, width, height);
+      const scale = width / (this.view.to - this.view.from);
+      const legend = this.parts.legend;
+      legend.replaceChildren();
+      this.sources.forEach((source, index) => {
+        const top = index * rateHeight;
+        const room = rateHeight - 10;
+        context.fillStyle = index % 2 ? "#fafafa" : "#ffffff";
+        context.fillRect(0, top, width, rateHeight);
+        const of = this.bins ? this.ratesOf(source) : null;
+        const highest = { counts: 0, bytes: 0 };
+        for (const field of ["counts", "bytes"]) {
           for (const value of of ? of[field] : []) {
-            highest = Math.max(highest, value);
+            highest[field] = Math.max(highest[field], value);
           }
-        }
-        context.fillStyle = "#333";
-        context.font = "12px sans-serif";
-        context.textBaseline = "top";
-        context.fillText(title + (highest > 0 ? " \u2014 highest " + F.rate(highest, unit) : ""),
-          4, top + 2);
-        if (highest === 0) {
-          return;
-        }
-        const scale = width / (this.view.to - this.view.from);
-        rates.forEach((of, index) => {
-          if (!of) {
-            return;
+          if (highest[field] === 0) {
+            continue;
           }
           context.strokeStyle = this.colorOf(index);
-          context.lineWidth = 1.5;
+          context.lineWidth = field === "counts" ? 1.5 : 1;
+          context.setLineDash(field === "counts" ? [] : [4, 3]);
           context.beginPath();
           of[field].forEach((value, i) => {
             const x = (of.from + i * of.width - this.view.from) * scale;
-            const y = top + 18 + room - (value / highest) * room;
+            const y = top + 5 + room - (value / highest[field]) * room;
             if (i === 0) {
               context.moveTo(x, y);
             } else {
@@ -353,16 +347,16 @@ KV.Timeline = (function () {
             context.lineTo(x + of.width * scale, y);
           });
           context.stroke();
-        });
+        }
+        context.setLineDash([]);
         context.lineWidth = 1;
-      });
-      const legend = this.parts.legend;
-      legend.replaceChildren();
-      this.sources.forEach((source, index) => {
-        const item = element("span", "legend-item");
+        const item = element("div", "legend-item");
+        item.style.height = rateHeight + "px";
         const swatch = element("span", "swatch");
         swatch.style.background = this.colorOf(index);
-        item.append(swatch, element("span", "", source.name));
+        item.append(swatch, element("span", "legend-name", source.name),
+          element("span", "legend-rate", "up to " + F.rate(highest.counts) + " \u2014 entries"),
+          element("span", "legend-rate", "up to " + F.rate(highest.bytes, "B/s") + " - - bytes"));
         legend.append(item);
       });
     }

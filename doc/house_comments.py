@@ -8,13 +8,14 @@ Doxygen's warnings stay those of the header):
 
 - a comment block directly followed by code documents that code;
 - a comment directly followed by several declarations, without a blank line or a comment
-  between them, documents each of them (an unnamed member group, with DISTRIBUTE_GROUP_DOC);
-- a rule `/* ---- Title ---- */` starts a named group of the declarations up to the next rule,
-  and a comment right below the rule, before a blank line, describes the group; groups do not
-  nest, so inside one a comment documents only the declaration below it;
+  between them, documents each of them: the later ones get its text at the end of their line;
 - the first comment of a file, when a blank line follows it, documents the file;
-- every other comment stays a plain comment. Every file is marked as documented, so that its
-  free functions, types and macros appear in the reference.
+- every other comment stays a plain comment: a rule `/* ---- Title ---- */`, a note before a
+  blank line. Every file is marked as documented, so that its free functions, types and macros
+  appear in the reference.
+
+Named member groups would give the rules of a C header a heading each, but Doxygen does not
+report an undocumented member of a documented group, so the filter makes none.
 
 Usage: house_comments.py FILE (Doxygen's INPUT_FILTER); the result goes to stdout.
 """
@@ -24,10 +25,7 @@ import sys
 
 LINE_COMMENT = re.compile(r"^(\s*)//(?![/!])")
 BLOCK_START = re.compile(r"^(\s*)/\*(?![*!])")
-RULE = re.compile(r"^/\* -{2,} (.*?) -{2,} \*/\s*$")
 END_OF_RUN = re.compile(r"^\s*(public:|private:|protected:|}|#endif)")
-SCOPE_END = re.compile(r"^}")
-OPEN, CLOSE = "/**@{*/", "/**@}*/"
 
 
 def comment_end(lines, start):
@@ -50,20 +48,30 @@ def comment_end(lines, start):
 
 
 def is_code(line):
-    return line.strip() != "" and not END_OF_RUN.match(line)
+    stripped = line.strip()
+    return stripped != "" and not stripped.startswith(("//", "/*")) and not END_OF_RUN.match(line)
 
 
 def declaration_run(lines, start):
     """The index after the code that starts at `start` (up to a blank line, a comment or the end
-    of a scope) and how many declarations (lines ending in `;`) it holds; none when it opens a
-    scope of its own, as a class or a struct does."""
+    of a scope) and the indexes of the lines that end its declarations (in `;`); none when it
+    opens a scope of its own, as a class or a struct does."""
     end = start
     while end < len(lines) and is_code(lines[end]) and comment_end(lines, end) is None:
         end += 1
     code = [re.sub(r"//.*$", "", line).rstrip() for line in lines[start:end]]
     if sum(line.count("{") - line.count("}") for line in code) != 0:
-        return end, 0
-    return end, sum(1 for line in code if line.endswith(";"))
+        return end, []
+    return end, [start + offset for offset, line in enumerate(code) if line.endswith(";")]
+
+
+def comment_text(lines, start, end):
+    """The words of the comment block at `start`..`end`, on one line."""
+    words = []
+    for line in lines[start:end]:
+        line = re.sub(r"^\s*(?://+|/\*+|\*(?!/))", "", line)
+        words.append(line.replace("*/", ""))
+    return " ".join(" ".join(words).split())
 
 
 def document(lines, start, end, command=""):
@@ -79,101 +87,34 @@ def document(lines, start, end, command=""):
                                        count=1)
 
 
-def prefix(line, text):
-    return re.sub(r"^(\s*)", lambda match: match.group(1) + text + " ", line, count=1)
-
-
-class Filter:
-    def __init__(self, text, path):
-        self.lines = text.split("\n")
-        self.path = path
-        self.seen_code = False
-        self.file_documented = False
-        self.group_open = False
-        self.last_code = None  # the last line of code inside the open named group
-
-    def close_group(self):
-        if self.group_open and self.last_code is not None:
-            self.lines[self.last_code] += " " + CLOSE
-        elif self.group_open:
-            self.lines[self.group_start] += " " + CLOSE
-        self.group_open = False
-        self.last_code = None
-
-    def open_group(self, index):
-        """A rule at `index`: names a group, which a comment directly below it describes."""
-        self.close_group()
-        title = RULE.match(self.lines[index]).group(1)
-        after = index + 1
-        intro_end = comment_end(self.lines, after) if after < len(self.lines) else None
-        follows = self.lines[intro_end] if intro_end is not None and intro_end < len(
-            self.lines) else ""
-        if intro_end is not None and follows.strip() == "":
-            # The rule opens the block, the comment below it becomes the block's text.
-            self.lines[index] = f"/** \\name {title}"
-            if LINE_COMMENT.match(self.lines[after]):
-                for line in range(after, intro_end):
-                    self.lines[line] = LINE_COMMENT.sub(r"\1 *", self.lines[line], count=1)
-                self.lines[intro_end - 1] += " */ " + OPEN
-            else:
-                self.lines[after] = BLOCK_START.sub(r"\1  ", self.lines[after], count=1)
-                self.lines[intro_end - 1] += " " + OPEN
-            next_index = intro_end
-        else:
-            self.lines[index] = f"/** \\name {title} */ {OPEN}"
-            next_index = after
-        self.group_open = True
-        self.group_start = next_index - 1
-        return next_index
-
-    def comment(self, index, end):
-        lines = self.lines
-        follows = lines[end] if end < len(lines) else ""
-        if not self.seen_code and not self.file_documented and follows.strip() == "":
-            document(lines, index, end, "\\file " + self.path)
-            self.file_documented = True
-            return end
-        if not is_code(follows):
-            return end
-        document(lines, index, end)
-        run_end, declarations = declaration_run(lines, end)
-        if declarations > 1 and not self.group_open and not follows.lstrip().startswith("#"):
-            lines[index] = prefix(lines[index], OPEN)
-            lines[run_end - 1] += " " + CLOSE
-        self.note_code(end, run_end)
-        return max(end, run_end)
-
-    def note_code(self, start, end):
-        for index in range(start, end):
-            stripped = self.lines[index].strip()
-            if stripped and not stripped.startswith("#"):
-                self.seen_code = True
-                self.last_code = index if self.group_open else self.last_code
-
-    def run(self):
-        index = 0
-        while index < len(self.lines):
-            line = self.lines[index]
-            if RULE.match(line):
-                index = self.open_group(index)
-                continue
-            end = comment_end(self.lines, index)
-            if end is not None:
-                index = self.comment(index, end)
-                continue
-            if SCOPE_END.match(line):
-                self.close_group()
-            if not line.strip().startswith(("#pragma", "#ifndef", "#define")):
-                self.note_code(index, index + 1)
-            index += 1
-        self.close_group()
-        if not self.file_documented:
-            self.lines.append("/** \\file " + self.path + " */")
-        return "\n".join(self.lines)
-
-
 def filter_text(text, path):
-    return Filter(text, path).run()
+    lines = text.split("\n")
+    seen_code = file_documented = False
+    index = 0
+    while index < len(lines):
+        end = comment_end(lines, index)
+        if end is None:
+            stripped = lines[index].strip()
+            seen_code = seen_code or (stripped != "" and not stripped.startswith("#"))
+            index += 1
+            continue
+        follows = lines[end] if end < len(lines) else ""
+        if not seen_code and not file_documented and follows.strip() == "":
+            document(lines, index, end, "\\file " + path)
+            file_documented = True
+        elif is_code(follows):
+            text = comment_text(lines, index, end)
+            document(lines, index, end)
+            run_end, declaration_ends = declaration_run(lines, end)
+            if not follows.lstrip().startswith("#"):
+                for later in declaration_ends[1:]:
+                    lines[later] += f" /**< {text} */"
+            seen_code = True
+            end = run_end
+        index = end
+    if not file_documented:
+        lines.append("/** \\file " + path + " */")
+    return "\n".join(lines)
 
 
 def main():

@@ -1,7 +1,7 @@
 /* The C example of the API reference's guide: the flat interface records one entry and reads it
  * back. The reference quotes the part between the two "flat" markers.
  *
- * Usage: korvane-guide-c FILE (a path where nothing exists yet). Exits with 1 on a failure. */
+ * Usage: korvane-guide-c FOLDER (it writes FOLDER/camera.kvlog). Exits with 1 on a failure. */
 
 #include <korvane/logging/KV_Log.h>
 #include <korvane/logging/KV_LogExtensions.h>
@@ -21,11 +21,12 @@ static void printEntry(void* userData, KV_LogDataEntry* entry) {
 
 int main(int argc, char** argv) {
     int count = 0;
-    if (argc != 2) {
-        fprintf(stderr, "usage: korvane-guide-c FILE\n");
+    char path[4096];
+    if (argc != 2 || snprintf(path, sizeof path, "%s/camera.kvlog", argv[1]) >= (int)sizeof path) {
+        fprintf(stderr, "usage: korvane-guide-c FOLDER\n");
         return 2;
     }
-    const char* path = argv[1];
+    remove(path); /* KV_LogFile_Create never overwrites: start afresh on every run */
     /* [flat] */
     KV_LogError* error = NULL;
     KV_LogConfig* config = KV_LogConfig_Create("recorder", "1.0", "UTC");

@@ -1,7 +1,7 @@
 // The C++ examples of the API reference's guide, as one program: records a file, reads it back,
 // and plays it. The reference quotes the parts between the [name] markers.
 //
-// Usage: korvane-guide FOLDER (a folder that exists; the program writes drive.kvlog there).
+// Usage: korvane-guide FOLDER (the program writes FOLDER/drive.kvlog).
 // Exits with 1 when something it reads back differs from what it wrote.
 
 #include <korvane/logging/playback/LogFilePlayer.h>
@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string path = (std::filesystem::path(argv[1]) / "drive.kvlog").string();
-    std::filesystem::remove(path);
+    std::filesystem::create_directories(argv[1]);
+    std::filesystem::remove(path);  // a new file is never made over an existing one
     const bool ok = record(path) && read(path) && play(path);
     std::puts(ok ? "guide ok" : "guide FAILED");
     return ok ? 0 : 1;

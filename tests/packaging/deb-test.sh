@@ -19,7 +19,7 @@ fail() {
 
 for name in "${names[@]}"; do
   if dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q " installed"; then
-    fail "$name is installed already; remove it first: apt-get remove ${names[*]}"
+    echo "deb-test: $name is installed already: it is replaced now and removed at the end"
   fi
 done
 debs=()

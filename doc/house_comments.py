@@ -57,7 +57,7 @@ def declaration_run(lines, start):
     of a scope) and the indexes of the lines that end its declarations (in `;`); none when it
     opens a scope of its own, as a class or a struct does."""
     end = start
-    while end < len(lines) and is_code(lines[end]) and comment_end(lines, end) is None:
+    while end < len(lines) and is_code(lines[end]):
         end += 1
     code = [re.sub(r"//.*$", "", line).rstrip() for line in lines[start:end]]
     if sum(line.count("{") - line.count("}") for line in code) != 0:

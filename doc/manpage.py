@@ -73,7 +73,8 @@ def parse_help(text):
         elif section is not None and line.startswith("  "):
             name, description = line[:column].strip(), line[column:].strip()
             if len(line[:column].rstrip()) >= column - 1 and line[column - 1:column] != " ":
-                name, description = line.strip(), ""  # the description follows on a line of its own
+                # A long name: the description follows on a line of its own.
+                name, description = line.strip(), ""
             section.append((name, description))
         else:
             footer.append(line.strip())

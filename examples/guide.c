@@ -5,7 +5,6 @@
 
 #include <korvane/logging/KV_Log.h>
 #include <korvane/logging/KV_LogExtensions.h>
-
 #include <stdio.h>
 #include <string.h>
 

@@ -53,14 +53,16 @@ cmake -S "$consumer_dir" -B "$work/cmake-build" > "$work/cmake.log" 2>&1 \
   || { cat "$work/cmake.log" >&2; exit 1; }
 found=$(sed -n 's/^KorvaneLogging_DIR:PATH=//p' "$work/cmake-build/CMakeCache.txt")
 [ "$found" = /usr/lib/cmake/KorvaneLogging ] || fail "CMake found the package in '$found'"
-cmake --build "$work/cmake-build" > "$work/build.log" 2>&1 || { cat "$work/build.log" >&2; exit 1; }
+cmake --build "$work/cmake-build" > "$work/build.log" 2>&1 \
+  || { cat "$work/build.log" >&2; exit 1; }
 env -u LD_LIBRARY_PATH "$work/cmake-build/consumer" "$work/run"
 
 echo "== a C99 program through pkg-config"
 [ "$(realpath "$(pkg-config --variable=includedir korvane-logging)")" = /usr/include ] \
   || fail "pkg-config does not point at /usr/include"
+# The C example of the API reference's guide: records and reads back through the flat interface.
 # shellcheck disable=SC2046
-cc -std=c99 -Wall -Werror -o "$work/consumer-c" "$consumer_dir/consumer.c" \
+cc -std=c99 -Wall -Werror -o "$work/consumer-c" "$consumer_dir/../../../examples/guide.c" \
   $(pkg-config --cflags --libs korvane-logging)
 env -u LD_LIBRARY_PATH "$work/consumer-c" "$work/run"
 

@@ -3,16 +3,16 @@
 
 Our headers document a declaration with a plain comment directly above it: a block of `//`
 lines in C++, a `/* */` block above a C function. Doxygen reads only `///` and `/** */`, so this
-filter rewrites the comments in place, never adding or removing a line (the line numbers of
-Doxygen's warnings stay those of the header):
+filter rewrites the comments in place, and every line keeps its number (the line numbers of
+Doxygen's warnings are those of the header):
 
 - a comment block directly followed by code documents that code;
 - a comment directly followed by several declarations, without a blank line or a comment
   between them, documents each of them: the later ones get its text at the end of their line;
 - the first comment of a file, when a blank line follows it, documents the file;
 - every other comment stays a plain comment: a rule `/* ---- Title ---- */`, a note before a
-  blank line. Every file is marked as documented, so that its free functions, types and macros
-  appear in the reference.
+  blank line. A file without a comment of its own is marked as documented on a line added at its
+  end, so that its free functions, types and macros appear in the reference.
 
 Named member groups would give the rules of a C header a heading each, but Doxygen does not
 report an undocumented member of a documented group, so the filter makes none.

@@ -64,7 +64,8 @@ class ManualPageTest(unittest.TestCase):
                 self.assertIn(f" {action} [OPTIONS]", found[verb])
             self.assertIn(description, found[verb])
             for help_text in helps:
-                for name, text in entries(help_text, "Positionals") + entries(help_text, "Options"):
+                listed = entries(help_text, "Positionals") + entries(help_text, "Options")
+                for name, text in listed:
                     if name != "-h,--help":
                         self.assertIn(name.replace(",", ", "), found[verb], verb)
                         self.assertIn(" ".join(text.split()), found[verb], verb)

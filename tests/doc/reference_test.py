@@ -43,8 +43,8 @@ CASES = [
     ("@FREE@", "", None),
     ("@CLASS@", "\n    void resize(int cells);",
      "the function resize(int cells) of class Widget has no comment above it"),
-    ("@FREE@", "\n/* Frees and drops. */\nvoid freeWidget(Widget* w);\nvoid dropWidget(Widget* w);",
-     None),
+    ("@FREE@",
+     "\n/* Frees and drops. */\nvoid freeWidget(Widget* w);\nvoid dropWidget(Widget* w);", None),
     ("@FREE@", "\nvoid freeWidget(Widget* w);",
      "the function freeWidget(Widget *w) of file Widget.h has no comment above it"),
 ]

@@ -29,6 +29,12 @@ for name in "${names[@]}"; do
   debs+=("$deb")
 done
 
+# A copy installed under /usr/local by `cmake --install` would come first for Python.
+if shadow=$(cd / && /usr/bin/python3 -I -c 'import korvane_logging as k; print(k.__file__)' \
+              2>/dev/null); then
+  fail "korvane_logging is importable already, from $shadow: remove it first"
+fi
+
 work=$(mktemp -d)
 installed=0
 remove_packages() {
@@ -49,7 +55,9 @@ done > "$work/files"
 
 echo "== a CMake project against korvane-logging-dev"
 mkdir "$work/run"
-cmake -S "$consumer_dir" -B "$work/cmake-build" > "$work/cmake.log" 2>&1 \
+# A copy installed under /usr/local would come first; the package's is the one to find.
+cmake -S "$consumer_dir" -B "$work/cmake-build" -DCMAKE_IGNORE_PREFIX_PATH=/usr/local \
+  > "$work/cmake.log" 2>&1 \
   || { cat "$work/cmake.log" >&2; exit 1; }
 found=$(sed -n 's/^KorvaneLogging_DIR:PATH=//p' "$work/cmake-build/CMakeCache.txt")
 [ "$found" = /usr/lib/cmake/KorvaneLogging ] || fail "CMake found the package in '$found'"
@@ -58,6 +66,9 @@ cmake --build "$work/cmake-build" > "$work/build.log" 2>&1 \
 env -u LD_LIBRARY_PATH "$work/cmake-build/consumer" "$work/run"
 
 echo "== a C99 program through pkg-config"
+# The system's folders only, not /usr/local's.
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+export PKG_CONFIG_LIBDIR="/usr/lib/$multiarch/pkgconfig:/usr/lib/pkgconfig:/usr/share/pkgconfig"
 [ "$(realpath "$(pkg-config --variable=includedir korvane-logging)")" = /usr/include ] \
   || fail "pkg-config does not point at /usr/include"
 # The C example of the API reference's guide: records and reads back through the flat interface.

@@ -2,10 +2,12 @@
 
 import base64
 import contextlib
+import hashlib
 import json
 import os
 import random
 import shlex
+import shutil
 import signal
 import sqlite3
 import subprocess
@@ -105,6 +107,10 @@ def die_in_a_write(path, data):  # a writer dies in a transaction whose pages sp
         data, left = path.read_bytes(), journal.read_bytes()
     journal.write_bytes(left)
     return data
+
+
+def state(path):  # what a write to the file would change
+    return hashlib.sha256(path.read_bytes()).hexdigest(), path.stat().st_mtime_ns
 
 
 LOST = "\n  data: {lost} of 1 to 200 cannot be read: {ids}\n"
@@ -282,6 +288,47 @@ class ToolTest(unittest.TestCase):
         for follower in tails.values():
             self.assertEqual((follower.communicate(timeout=60), follower.returncode), ((b"", (
                 f"korvane-log: {path}: was removed while it was followed\n").encode()), 1))
+
+    def test_reading_verbs_leave_every_file_as_it_was(self):
+        p = self.recorded(sample_entries(count=200), "log.kvlog", "--level", "0")
+        self.ok("resources", p, "add", "notes", p)
+        self.ok("thumbnail", p, "set", p)
+        self.ok("bookmarks", p, "add", 2, "mark")
+        files = {name: shutil.copy(p, self.dir / name) for name in (
+            "wal.kvlog", "old-bookmarks.kvlog", "journal.kvlog")}
+        query(files["wal.kvlog"], "PRAGMA journal_mode = WAL", mode="rw")
+        # A bookmarks table whose references cannot be checked, which writers replace.
+        with contextlib.closing(sqlite3.connect(files["old-bookmarks.kvlog"])) as db, db:
+            db.executescript("ALTER TABLE bookmarks RENAME TO old; CREATE TABLE bookmarks(entryId "
+                             "INT NOT NULL REFERENCES data(type), title TEXT NOT NULL, comments "
+                             "TEXT, payload BLOB); INSERT INTO bookmarks SELECT * FROM old; "
+                             "DROP TABLE old")
+        files["journal.kvlog"].write_bytes(die_in_a_write(files["journal.kvlog"], b""))
+        files["empty.kvlog"] = self.dir / "empty.kvlog"
+        files["empty.kvlog"].touch()
+        refused = {"journal.kvlog": "{}: a write to it did not finish, and {}-journal would undo "
+                   "it; 'korvane-log check' reads it as it stands",
+                   "empty.kvlog": "{}: not a log file (empty or not a regular file)"}
+        for verb in ("info {}", "cat {}", "tail {} -n 1", "play {} --seek 195", "check {}",
+                     "meta {}", "bookmarks {}", "resources {}", "resources {} get notes -o {}",
+                     "thumbnail {}", "thumbnail {} get -o {}", "slice {} 1 2 -o {}",
+                     "clone {} -o {}"):
+            for name, path in files.items():
+                before = {f: state(f) for f in (path, Path(f"{path}-journal")) if f.exists()}
+                process = self.start(*verb.format(path, f"{path}.{verb[:5]}").split(),
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                code, says = (1, refused[name].format(path, path)) if name in refused else (0, "")
+                if verb == "check {}" and name != "wal.kvlog":  # it tells what it finds on stdout
+                    code, says = 1, says if name == "empty.kvlog" else ""
+                if verb.startswith("tail") and code == 0:
+                    process.stdout.readline()
+                    process.send_signal(signal.SIGINT)
+                err = process.communicate(timeout=60)[1].decode()
+                self.assertEqual((process.returncode, err.removeprefix("korvane-log: ").strip()),
+                                 (code, says), (verb, name))
+                self.assertEqual({f: state(f) for f in before}, before, (verb, name))
+        self.assertEqual(self.ok("bookmarks", files["old-bookmarks.kvlog"]).decode().split()[-1],
+                         "mark")
 
     def test_bad_files_and_arguments_give_one_line_and_change_nothing(self):
         p, bare = self.recorded(sample_entries(count=4)), self.recorded([], "bare.kvlog")

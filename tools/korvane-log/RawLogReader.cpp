@@ -321,16 +321,6 @@ DatabaseHeader readDatabaseHeader(const fs::path& file) {
     return header;
 }
 
-std::optional<fs::path> unfinishedWrite(const fs::path& file) {
-    fs::path journal = file;
-    journal += "-journal";
-    std::error_code error;
-    if (fs::is_regular_file(journal, error) && fs::file_size(journal, error) > 0 && !error) {
-        return journal;
-    }
-    return std::nullopt;
-}
-
 void copyWithRepairedHeader(const fs::path& damaged, const fs::path& copy) {
     readDatabaseHeader(damaged);
     std::error_code error;

@@ -59,10 +59,6 @@ struct DatabaseHeader {
 // file or as no log file; otherwise reads the header of its first page.
 DatabaseHeader readDatabaseHeader(const fs::path& file);
 
-// The rollback journal beside `file` when a write to it did not finish: a process that died
-// while it changed the schema leaves one behind. Empty when there is none.
-std::optional<fs::path> unfinishedWrite(const fs::path& file);
-
 // Copies `damaged` to a new file `copy`, with the journal of an unfinished write, and makes the
 // copy's header agree with the copy: a header that counts pages past its end then counts the
 // pages it holds, a trailing partial page padded with zeros; the room that a writer grew ahead of

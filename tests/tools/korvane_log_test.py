@@ -172,12 +172,16 @@ class ToolTest(unittest.TestCase):
             path, copy = self.recorded(entries, f"{level}.kvlog", "--level", level, "--app", "rig",
                                        "--app-version", "2.1"), self.dir / level
             info = self.info(path)
+            with open(path, "r+b") as grown:  # room that a killed writer leaves past the pages
+                grown.truncate(counted(path.read_bytes()) + (3 << 20))
             self.assertEqual([info[k] for k in (
                 "compressionLevel", "entryCount", "firstEntryId", "lastEntryId", "firstTimestamp",
                 "lastTimestamp", "spanMs", "payloadBytes", "fileSize")] + [
                 info["metadata"][k] for k in ("applicationName", "applicationVersion")], [
                 int(level), 150, 1, 150, min(stamps), max(stamps), max(stamps) - min(stamps),
-                sum(len(e["data"]) for e in entries), path.stat().st_size, "rig", "2.1"])
+                sum(len(e["data"]) for e in entries), counted(path.read_bytes()), "rig", "2.1"])
+            self.assertEqual([self.info(path)[k] for k in ("fileSize", "reservedBytes")],
+                             [info["fileSize"], path.stat().st_size - info["fileSize"]])
             self.assertEqual([(s["name"], s["type"], s["entryCount"], s["payloadBytes"])
                               for s in info["dataSources"]], [
                 (name, kind, len(mine[name]), sum(len(e["data"]) for e in mine[name]))
@@ -188,7 +192,10 @@ class ToolTest(unittest.TestCase):
                              b"".join(e["data"] for e in entries if e["source"] == "camera"))
             self.ok("record", copy, stdin=self.ok("cat", path, "--format", "json"))
             self.assertEqual(*[self.ok("cat", p, "--format", "json") for p in (path, copy)])
-        rows = self.ok("info", path).decode().splitlines()[-3:]  # the sources, with their rates
+        lines = self.ok("info", path).decode().splitlines()
+        self.assertRegex(lines[0], rf"^File +{path} \(\d+\.\d KiB, and 3\.00 MiB reserved for "
+                                   r"writing\)$")
+        rows = lines[-3:]  # the sources, with their rates
         self.assertEqual([row.split()[4] for row in rows], [
             f"{(len(m) - 1) * 1000 / (m[-1]['timestamp'] - m[0]['timestamp']):.1f}"
             for m in mine.values()])

@@ -109,8 +109,39 @@ def die_in_a_write(path, data):  # a writer dies in a transaction whose pages sp
     return data
 
 
+def insert(path, *timestamps):  # entries that a writer other than the tool adds in one commit
+    with contextlib.closing(sqlite3.connect(path)) as db, db:
+        db.executemany("INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
+                       "VALUES (?, 1, 1, 1, x'2a')", [(t,) for t in timestamps])
+
+
 def state(path):  # what a write to the file would change
     return hashlib.sha256(path.read_bytes()).hexdigest(), path.stat().st_mtime_ns
+
+
+def header_past_end(path):  # what a writer that dies in the middle of a write can leave
+    with open(path, "r+b") as file:
+        page = int.from_bytes(file.read(18)[16:], "big")
+        file.seek(28)
+        file.write((path.stat().st_size // page + 9).to_bytes(4, "big"))
+
+
+REPLACED = "was replaced by another file while it was followed"
+# How the file that tail follows goes (`other`: another recording, `older`: a copy of the followed
+# one before its last entry), tail's options, and what tail says then.
+REPLACEMENTS = [
+    (lambda path, other, older: os.replace(shutil.copy(other, f"{path}.new"), path), "", REPLACED),
+    (lambda path, other, older: shutil.copyfile(other, path), "", REPLACED),
+    # Its ids go back; the last entry printed is still there.
+    (lambda path, other, older: shutil.copyfile(older, path), "--source gnss", REPLACED),
+    # Copies of it that went on otherwise, with other counts in the header or the same ones.
+    (lambda path, other, older: (insert(older, 7), insert(older, 8), shutil.copyfile(older, path)),
+     "", REPLACED),
+    (lambda path, other, older: (insert(older, 7, 8), shutil.copyfile(older, path)), "", REPLACED),
+    (lambda path, other, older: os.truncate(path, 0), "", REPLACED),
+    (lambda path, other, older: os.truncate(path, counted(path.read_bytes()) // 2), "", REPLACED),
+    (lambda path, other, older: header_past_end(path), "",
+     "cannot be read any more; 'korvane-log check' tells what it holds")]
 
 
 LOST = "\n  data: {lost} of 1 to 200 cannot be read: {ids}\n"
@@ -295,6 +326,20 @@ class ToolTest(unittest.TestCase):
         for follower in tails.values():
             self.assertEqual((follower.communicate(timeout=60), follower.returncode), ((b"", (
                 f"korvane-log: {path}: was removed while it was followed\n").encode()), 1))
+
+    def test_tail_ends_when_its_file_is_replaced_however_that_was_done(self):
+        other = self.recorded(sample_entries(count=63, seed=8), "other.kvlog", "--level", "0")
+        for number, (replace, options, says) in enumerate(REPLACEMENTS):
+            path = self.recorded(sample_entries(count=30), f"{number}.kvlog", "--level", "0")
+            older = shutil.copy(path, self.dir / f"{number}-older.kvlog")
+            insert(path, 1)
+            tail = self.start("tail", path, "--format", "json", *options.split(),
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            ids = range(3, 31, 4) if options else range(1, 32)  # gnss: every fourth from 3
+            self.assertEqual([json.loads(tail.stdout.readline())["id"] for _ in ids], list(ids))
+            replace(path, other, older)
+            self.assertEqual((tail.communicate(timeout=60), tail.returncode),
+                             ((b"", f"korvane-log: {path}: {says}\n".encode()), 1), number)
 
     def test_reading_verbs_leave_every_file_as_it_was(self):
         p = self.recorded(sample_entries(count=200), "log.kvlog", "--level", "0")

@@ -3,7 +3,8 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench bench-smoke crash-test clean
+.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench bench-smoke crash-test clean \
+	docs deb deb-test
 
 all: build
 
@@ -45,6 +46,21 @@ bench-smoke: release
 
 clean:
 	rm -rf build-debug build-release build-asan build-tsan
+
+# The API reference (Doxygen) in build-release/doc/reference/html; fails on any warning.
+docs: deps build-release/CMakeCache.txt
+	cmake -S . -B build-release -DKORVANE_WERROR=$(WERROR)
+	cmake --build build-release --target docs
+
+# Debian packages of the Release build in build-release/packages, checked by lintian.
+deb: release
+	rm -rf build-release/packages
+	cd build-release && cpack -G DEB
+	lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs build-release/packages/*.deb
+
+# Installs the packages on this machine, uses them as a user would and removes them.
+deb-test: deb
+	tests/packaging/deb-test.sh build-release/packages tests/install/consumer
 
 # Kills a recorder 200 times per configuration and reports what the files still hold.
 crash-test: release

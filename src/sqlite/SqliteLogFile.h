@@ -54,6 +54,8 @@ public:
     // Opens the log file at `filePath` for `access`.
     SqliteLogFile(const std::filesystem::path& filePath, Access access);
 
+    // Moves take the open file over and leave `other` only to be destroyed or assigned to.
+    // Destruction closes the connection; every write is complete already.
     SqliteLogFile(SqliteLogFile&& other) noexcept;
     SqliteLogFile& operator=(SqliteLogFile&& other) noexcept;
     ~SqliteLogFile() override;

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -919,6 +921,89 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
         property.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 0));
     }
     return properties;
+}
+
+// ---- Entries without records ----
+
+SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads, const std::function<bool(EntryRow&)>& visit) const {
+    // -1 stands for the first and last entry, so the whole range of ids selects the same rows
+    // without the two aggregates.
+    if (minimumEntryId == -1) {
+        minimumEntryId = std::numeric_limits<std::int32_t>::min();
+    }
+    if (maximumEntryId == -1) {
+        maximumEntryId = std::numeric_limits<std::int32_t>::max();
+    }
+    const bool compressed = impl->compressionLevel != 0;
+    // A stored payload's size is its uncompressed size, which SQLite reads without its pages;
+    // a compressed one records that size in its frame, which has to be read.
+    const bool sizeFromLength = payloads == Payloads::Size && !compressed;
+    const char* head = payloads == Payloads::Skip ? Statements::entryFieldsHead
+                       : sizeFromLength           ? Statements::entrySizeHead
+                                                  : Statements::entryHead;
+    const std::string clause = buildFilterClause(filter);
+    SqliteQuery query(
+        impl->database,
+        head + (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
+            Statements::rangeCondition + Statements::orderForEntries + ";");
+    query.bindParameter(":minimumEntryId", minimumEntryId);
+    query.bindParameter(":maximumEntryId", maximumEntryId);
+    bindFilterParameters(filter, query);
+
+    // Damaged payloads end the visit with a result rather than an exception, so that the
+    // visitor knows whether the last row it was given holds its payload.
+    const auto payloadFailure = [&](const std::exception& failure, VisitEnd end) {
+        impl->lastError = failure.what();
+        return end;
+    };
+    SqliteQuery::QueryResult result;
+    EntryRow row;
+    while ((result = query.executeStep()) == SqliteQuery::Row) {
+        row.entryId = static_cast<std::int32_t>(integerColumn(query, 0));
+        row.timestamp = integerColumn(query, 1);
+        row.type = static_cast<std::int32_t>(integerColumn(query, 2));
+        row.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 3));
+        row.target = nullptr;
+        row.size = 0;
+        std::optional<BlobView> blob;
+        if (sizeFromLength) {
+            row.size = static_cast<std::size_t>(integerColumn(query, 4));
+        } else if (payloads != Payloads::Skip) {
+            // A payload that is no blob reads as empty, as in `readEntries`.
+            blob = query.getBlobFromColumn(4);
+            row.size = blob ? blob->size : 0;
+            if (compressed && row.size != 0) {
+                try {
+                    row.size = Compression::uncompressedSize(blob->data, blob->size);
+                } catch (const std::runtime_error& failure) {
+                    return payloadFailure(failure, VisitEnd::RowFailed);
+                }
+            }
+        }
+        const std::size_t size = row.size;
+        if (!visit(row)) {
+            return VisitEnd::Complete;
+        }
+        if (payloads != Payloads::Bytes || row.target == nullptr || size == 0) {
+            continue;
+        }
+        if (!compressed) {
+            std::memcpy(row.target, blob->data, size);
+            continue;
+        }
+        try {
+            Compression::uncompress(blob->data, blob->size, row.target, size);
+        } catch (const std::runtime_error& failure) {
+            return payloadFailure(failure, VisitEnd::PayloadFailed);
+        }
+    }
+    if (result == SqliteQuery::Error) {
+        impl->reportDatabaseError();
+        return VisitEnd::RowFailed;
+    }
+    return VisitEnd::Complete;
 }
 
 }  // namespace Korvane::Logging

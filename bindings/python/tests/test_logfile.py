@@ -14,7 +14,7 @@ from types import SimpleNamespace
 import pytest
 
 import korvane_logging as kl
-from korvane_logging._reading import CHUNK_BYTES, ChunkSize
+from korvane_logging._columns import CHUNK_BYTES, Columns
 
 CAMERA_TYPE, LIDAR_TYPE, ENTRY_COUNT = 7, 9, 60
 
@@ -111,16 +111,15 @@ def test_reads_give_what_was_logged(log, recording, selection):
                 [entries[i - 1] for i in (1, 31, 60)], 60, 1, 60, [("camera", 7), ("lidar", 9)])
 
 
-# Ids missing from a file (written elsewhere) make the reader consult the index.
+# Ids missing from a file (written elsewhere) are simply not there to read.
 @pytest.mark.parametrize("missing", [(), (1, 8, 9, 10, 11, 12, 13, 14, 15, 33, ENTRY_COUNT)])
 def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, monkeypatch):
     shutil.copy(recording.path, tmp_path / "copy.log")
     with closing(sqlite3.connect(tmp_path / "copy.log")) as database, database:
         database.executemany("DELETE FROM data WHERE entryId = ?", [(i,) for i in missing])
     kept, sizes = [e for e in recording.entries if e.id not in missing], []
-    chunk = kl.LogFile._entries_of
-    monkeypatch.setattr(kl.LogFile, "_entries_of", staticmethod(  # the entries of each read
-        lambda ids, *rest: sizes.append(len(ids)) or chunk(ids, *rest)))
+    chunk = Columns.entries
+    monkeypatch.setattr(Columns, "entries", lambda self: sizes.append(self.count) or chunk(self))
     with kl.LogFile.open(tmp_path / "copy.log") as log:
         for selection in SELECTIONS:
             assert list(log.iter_entries(first=3, chunk=7, **named(log, selection))) == expected(
@@ -128,12 +127,19 @@ def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, m
     assert max(sizes) == 7
 
 
-def test_a_chunk_of_big_entries_holds_what_fits_in_its_bytes():
-    sizes = ChunkSize(1000)
-    sizes.update([kl.Entry(1, 0, 0, 0, bytes(CHUNK_BYTES // 4))] * 2)
-    assert sizes.size == 4
-    sizes.update([kl.Entry(1, 0, 0, 0, b"x")] * 3)
-    assert sizes.size == 1000
+def test_a_chunk_of_big_entries_holds_what_fits_in_its_bytes(tmp_path, monkeypatch):
+    chunks, chunk = [], Columns.entries
+    monkeypatch.setattr(Columns, "entries", lambda self: chunks.append(
+        (self.count, self.struct.payload_size)) or chunk(self))
+    sizes = [n * CHUNK_BYTES // 16 for n in range(1, 20)] + [CHUNK_BYTES + 1] * 2
+    with kl.LogFile.create(tmp_path / "big.log", "app", "1", level=0) as log:
+        source = log.add_source("s", 1)
+        log.log_many([(source, 0, bytes([size % 251]) * size) for size in sizes])
+        assert [(len(e.data), e.data[:1]) for e in log.iter_entries(first=2)] == [
+            (size, bytes([size % 251])) for size in sizes[1:]]
+    # The room grows to CHUNK_BYTES; only an entry bigger than that has a call of its own.
+    assert all(size <= CHUNK_BYTES or count == 1 for count, size in chunks)
+    assert max(count for count, _ in chunks) > 1 and len(chunks) < len(sizes)
 
 
 VALUES = [0, -5, 2**63 - 1, -2**63, 2**40, 3.0, -0.25, "", "12", "grüße", "tab\tand\nline"]

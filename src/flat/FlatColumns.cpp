@@ -62,20 +62,28 @@ SqliteLogFile::VisitEnd visitEntries(KV_LogFile* file, std::int32_t minimumEntry
 bool KVX_MeasureEntries(KV_LogFile* file, int32_t minimumEntryId, int32_t maximumEntryId,
                         const KV_LogEntryIndexFilter* filter, int32_t* count,
                         uint64_t* payloadBytes, KV_LogError** error) noexcept {
-    std::int32_t entries = 0;
-    std::uint64_t bytes = 0;
-    const bool measured = visitEntries(file, minimumEntryId, maximumEntryId, filter,
-                                       payloadBytes == nullptr ? Payloads::Skip : Payloads::Size,
-                                       error, [&](EntryRow& row) {
-                                           ++entries;
-                                           bytes += row.size;
-                                           return true;
-                                       }) == VisitEnd::Complete;
-    *count = measured ? entries : 0;
+    *count = 0;
     if (payloadBytes != nullptr) {
-        *payloadBytes = measured ? bytes : 0;
+        *payloadBytes = 0;
     }
-    return measured;
+    const SqliteLogFile* sqlite = sqliteFile(file, error);
+    if (sqlite == nullptr) {
+        return false;
+    }
+    return failSafe(false, error, [&] {
+        const auto totals =
+            sqlite->measureEntries(minimumEntryId, maximumEntryId, record(filter),
+                                   payloadBytes == nullptr ? Payloads::Skip : Payloads::Size);
+        if (!totals) {
+            saveError(error, sqlite->getLastError());
+            return false;
+        }
+        *count = static_cast<std::int32_t>(totals->entries);
+        if (payloadBytes != nullptr) {
+            *payloadBytes = totals->payloadBytes;
+        }
+        return true;
+    });
 }
 
 bool KVX_ReadColumns(KV_LogFile* file, int32_t minimumEntryId, int32_t maximumEntryId,

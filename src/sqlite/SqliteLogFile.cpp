@@ -925,17 +925,31 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
 
 // ---- Entries without records ----
 
+namespace {
+
+// What selects the entries of a range and a filter, after a head: the filter, the range.
+std::string rangeSelection(const EntryIndexFilter& filter) {
+    const std::string clause = buildFilterClause(filter);
+    return (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
+           Statements::rangeCondition;
+}
+
+// Binds the parameters of `rangeSelection`. -1 stands for the first and last entry, so the
+// whole range of ids selects the same rows without the two aggregates.
+void bindRange(SqliteQuery& query, std::int32_t minimumEntryId, std::int32_t maximumEntryId,
+               const EntryIndexFilter& filter) {
+    constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::int32_t highest = std::numeric_limits<std::int32_t>::max();
+    query.bindParameter(":minimumEntryId", minimumEntryId == -1 ? lowest : minimumEntryId);
+    query.bindParameter(":maximumEntryId", maximumEntryId == -1 ? highest : maximumEntryId);
+    bindFilterParameters(filter, query);
+}
+
+}  // namespace
+
 SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
     std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
     Payloads payloads, const std::function<bool(EntryRow&)>& visit) const {
-    // -1 stands for the first and last entry, so the whole range of ids selects the same rows
-    // without the two aggregates.
-    if (minimumEntryId == -1) {
-        minimumEntryId = std::numeric_limits<std::int32_t>::min();
-    }
-    if (maximumEntryId == -1) {
-        maximumEntryId = std::numeric_limits<std::int32_t>::max();
-    }
     const bool compressed = impl->compressionLevel != 0;
     // A stored payload's size is its uncompressed size, which SQLite reads without its pages;
     // a compressed one records that size in its frame, which has to be read.
@@ -943,14 +957,9 @@ SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
     const char* head = payloads == Payloads::Skip ? Statements::entryFieldsHead
                        : sizeFromLength           ? Statements::entrySizeHead
                                                   : Statements::entryHead;
-    const std::string clause = buildFilterClause(filter);
-    SqliteQuery query(
-        impl->database,
-        head + (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
-            Statements::rangeCondition + Statements::orderForEntries + ";");
-    query.bindParameter(":minimumEntryId", minimumEntryId);
-    query.bindParameter(":maximumEntryId", maximumEntryId);
-    bindFilterParameters(filter, query);
+    SqliteQuery query(impl->database,
+                      head + rangeSelection(filter) + Statements::orderForEntries + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
 
     // Damaged payloads end the visit with a result rather than an exception, so that the
     // visitor knows whether the last row it was given holds its payload.
@@ -1004,6 +1013,35 @@ SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
         return VisitEnd::RowFailed;
     }
     return VisitEnd::Complete;
+}
+
+std::optional<SqliteLogFile::EntryTotals> SqliteLogFile::measureEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads) const {
+    EntryTotals totals;
+    if (payloads != Payloads::Skip && impl->compressionLevel != 0) {
+        const VisitEnd end = visitEntries(minimumEntryId, maximumEntryId, filter, Payloads::Size,
+                                          [&](const EntryRow& row) {
+                                              ++totals.entries;
+                                              totals.payloadBytes += row.size;
+                                              return true;
+                                          });
+        return end == VisitEnd::Complete ? std::optional(totals) : std::nullopt;
+    }
+    SqliteQuery query(impl->database, Statements::countAndSizeHead + rangeSelection(filter) + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
+    query.executeStep();
+    const std::optional<std::int64_t> entries = query.getIntegerFromColumn(0);
+    if (!entries) {
+        impl->reportDatabaseError();
+        return std::nullopt;
+    }
+    totals.entries = *entries;
+    if (payloads != Payloads::Skip) {
+        // The sum of no rows is NULL.
+        totals.payloadBytes = static_cast<std::uint64_t>(query.getIntegerFromColumn(1).value_or(0));
+    }
+    return totals;
 }
 
 }  // namespace Korvane::Logging

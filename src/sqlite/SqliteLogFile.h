@@ -166,6 +166,22 @@ public:
                           const EntryIndexFilter& filter, Payloads payloads,
                           const std::function<bool(EntryRow&)>& visit) const;
 
+    // How many entries `visitEntries` would visit, and how many bytes their payloads hold.
+    struct EntryTotals {
+        std::int64_t entries = 0;
+        // 0 when payloads are skipped.
+        std::uint64_t payloadBytes = 0;
+    };
+
+    // The totals of what `visitEntries` would visit with the same arguments. In a file of level
+    // 0, and for the count alone, one aggregate statement gives them; a compressed file's
+    // payload sizes are read from each payload's frame header. Empty, with `getLastError`, when
+    // they cannot be read.
+    std::optional<EntryTotals> measureEntries(std::int32_t minimumEntryId,
+                                              std::int32_t maximumEntryId,
+                                              const EntryIndexFilter& filter,
+                                              Payloads payloads) const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> impl;

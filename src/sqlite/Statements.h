@@ -80,6 +80,10 @@ constexpr const char* entryFieldsHead =
 constexpr const char* entrySizeHead =
     "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, length(data.payload) "
     "FROM data INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId ";
+// The number of entries and the sizes of their stored payloads, for the same joins.
+constexpr const char* countAndSizeHead =
+    "SELECT COUNT(*), SUM(length(data.payload)) FROM data INNER JOIN dataSources ON "
+    "data.dataSourceId = dataSources.dataSourceId ";
 constexpr const char* idHead =
     "SELECT entryId FROM data INNER JOIN dataSources ON data.dataSourceId = "
     "dataSources.dataSourceId ";

@@ -5,13 +5,15 @@ from __future__ import annotations
 import ctypes
 import operator
 import os
+import sqlite3
 import time
 import weakref
 from collections.abc import Iterable, Iterator, Sequence
-from contextlib import contextmanager
+from contextlib import closing, contextmanager
 from ctypes import byref, c_int8, c_int32, c_int64, c_void_p
 from functools import partial
 from itertools import islice
+from pathlib import Path
 from types import TracebackType
 from typing import Any, Union
 
@@ -437,12 +439,17 @@ class LogFile:
             raise self._replaced() from None
 
     def _creation(self) -> Value | None:
-        """The creation time in the metadata, which tells one recording from another; None
-        when there is none."""
+        """The creation time in the metadata of the file at the path, which tells one recording
+        from another; None when there is none. It is read on a connection of its own: the
+        library's may still hold pages of a file that another was copied over."""
         try:
-            return self.metadata["createdDateTime"]
-        except LogError:
+            with closing(sqlite3.connect(Path(self._location).as_uri() + "?mode=ro",
+                                         uri=True)) as connection:
+                found = connection.execute("SELECT value FROM metadata WHERE key = ?",
+                                           ("createdDateTime",)).fetchone()
+        except sqlite3.Error:
             return None
+        return None if found is None else found[0]
 
     def _check_identity(self, created: Value | None) -> None:
         """Raises LogError when the path no longer holds the recording that was opened: a

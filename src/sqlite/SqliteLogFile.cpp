@@ -18,6 +18,7 @@
 #include "EntryFilterSql.h"
 #include "Statements.h"
 #include "components/core/Compression.h"
+#include "components/core/Filesystem.h"
 #include "components/database/SqliteDatabase.h"
 #include "components/database/SqliteQuery.h"
 
@@ -171,6 +172,16 @@ struct SqliteLogFile::Impl {
     // process never finds the file half made.
     static std::unique_ptr<Impl> open(const std::filesystem::path& path, Access access,
                                       const std::function<void(Impl&)>& initialiseNewFile = {});
+
+    // Makes a new log file at `path` when nothing exists there: builds it under a temporary name
+    // in the same folder, gives it the schema and runs `initialise` on it, syncs it, and puts it
+    // in place in one step, so that another process finds nothing or the whole file, and a
+    // power cut leaves the same. False, with nothing changed, when something exists at `path`
+    // or the file system cannot put a file in place that way; the caller then makes the file
+    // where it stands. Throws when the file cannot be made, and when something appeared at
+    // `path` meanwhile. A row that `initialise` failed to write leaves its text in `failure`.
+    static bool buildInPlaceOf(const std::filesystem::path& path,
+                               const std::function<void(Impl&)>& initialise, std::string& failure);
 };
 
 namespace {
@@ -187,6 +198,15 @@ std::optional<PropertyValue> firstPropertyValue(SqliteQuery& query) {
         return std::nullopt;
     }
     return toPropertyValue(std::move(*value));
+}
+
+// `text` with every `from` in it replaced by `to`.
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = text.find(from); at != std::string::npos;
+         at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
 }
 
 std::string textColumn(const SqliteQuery& query, int column) {
@@ -468,6 +488,56 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(
     refuseNonDatabase(path);
 }
 
+bool SqliteLogFile::Impl::buildInPlaceOf(const std::filesystem::path& path,
+                                         const std::function<void(Impl&)>& initialise,
+                                         std::string& failure) {
+    const std::filesystem::path target = Filesystem::followLinks(path);
+    std::error_code error;
+    if (std::filesystem::symlink_status(target, error).type() !=
+        std::filesystem::file_type::not_found) {
+        return false;  // something is there, or the path cannot be examined
+    }
+    const std::filesystem::path temporary = Filesystem::makeTemporarySibling(target);
+    // Whatever happens before the file is in place, nothing of it stays behind.
+    const auto removeTemporary = [&] { std::filesystem::remove(temporary, error); };
+    try {
+        std::unique_ptr<Impl> building;
+        try {
+            building = std::make_unique<Impl>(temporary.string(), temporary, Access::ReadWrite);
+        } catch (const std::runtime_error& refusal) {
+            throw std::runtime_error(
+                replaceAll(refusal.what(), temporary.string(), path.string()));
+        }
+        SqliteDatabase& database = building->database;
+        database.executeSimpleQuery(Statements::synchronousOff);
+        database.executeSimpleQuery(Statements::journalInMemory);
+        for (const char* statement : Statements::schema) {
+            database.executeSimpleQuery(statement);
+        }
+        initialise(*building);
+        if (building->lastError != "No error") {
+            failure = building->lastError;
+        }
+    } catch (...) {
+        removeTemporary();
+        throw;
+    }
+    // Once the file is in place it is whole on disk, whatever happens to the machine.
+    Filesystem::sync(temporary);
+    switch (Filesystem::placeWithoutReplacing(temporary, target)) {
+    case Filesystem::Placement::Placed:
+        Filesystem::sync(target.parent_path().empty() ? "." : target.parent_path());
+        return true;
+    case Filesystem::Placement::Occupied:
+        removeTemporary();
+        throw std::runtime_error("Cannot create file as file already exists.");
+    case Filesystem::Placement::Unsupported:
+        break;
+    }
+    removeTemporary();
+    return false;
+}
+
 std::optional<int> SqliteLogFile::Impl::readSetting(const char* key) {
     SqliteQuery query(database, Statements::selectMetadataValue);
     query.bindParameter(":key", std::string(key), BindMode::Copy);
@@ -509,10 +579,20 @@ SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& tim
         file.addMetadata("compressionLevel",
                          PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
     };
-    impl = Impl::open(std::filesystem::path(filePath), Access::ReadWrite, writeMetadata);
-    if (!impl->isNewFile) {
-        // A log file stood at the path already: its own rows stay, the missing ones are added.
-        writeMetadata(*impl);
+    const std::filesystem::path path(filePath);
+    std::string buildError;
+    if (Impl::buildInPlaceOf(path, writeMetadata, buildError)) {
+        impl = Impl::open(path, Access::ReadWrite);
+        impl->isNewFile = true;
+        if (!buildError.empty()) {
+            impl->lastError = buildError;
+        }
+    } else {
+        impl = Impl::open(path, Access::ReadWrite, writeMetadata);
+        if (!impl->isNewFile) {
+            // A log file stood at the path already: its own rows stay, the missing ones are added.
+            writeMetadata(*impl);
+        }
     }
     impl->compressionLevel = compressionLevel;
     impl->logVersion = currentLogVersion;

@@ -26,6 +26,13 @@ public:
     // Creates a new log file at `filePath`, which must not hold a log file yet, and writes the six
     // metadata rows of a new file: creation time, application name and version, time zone, log
     // version 4 and `compressionLevel` (-1 to 9; 0 stores payloads uncompressed).
+    //
+    // Where nothing exists at `filePath`, the file is made under a temporary name in the same
+    // folder, synced, and put in place in one step, so that another process finds nothing or
+    // the whole file there, also after a power cut; something that appears at the path
+    // meanwhile is not replaced: the constructor throws `std::runtime_error` with "Cannot create
+    // file as file already exists.". An empty file or a log file that stands at the path already
+    // is made a log file, or given its missing rows, where it stands.
     SqliteLogFile(const std::string& filePath, const std::string& timeZone,
                   const std::string& applicationName, const std::string& applicationVersion,
                   std::int8_t compressionLevel, std::int64_t creationTimeMs);
@@ -102,6 +109,11 @@ public:
     // and a reader in another process waits for it (one without a busy handler is refused). A
     // batch larger than the page cache (about 2 MB of pages) starts to write pages before its
     // commit, and readers then wait from that moment to the end of the batch.
+    //
+    // Threads: like every call on this object, a batch is serialised with the caller's other
+    // calls. A write that another thread makes on this object while the batch runs (which the
+    // object does not prevent) joins the batch's transaction: it is committed with the batch,
+    // or rolled back with it.
     bool logEntries(const std::vector<DataEntry>& entries);
 
     using LogFileInterface::addMetadata;

@@ -12,11 +12,11 @@ from typing import Any, NamedTuple
 from ._columns import measure, read_chunks
 from .errors import LogError
 
-ARRAY_CHUNK_ROWS = 1 << 16
+ARRAY_CHUNK_ROWS = 1 << 14
 """Entries that one library call of `read_arrays` delivers at most: the file is locked for
 writers in other processes for one such call at a time."""
 
-ARRAY_CHUNK_BYTES = 64 << 20
+ARRAY_CHUNK_BYTES = 16 << 20
 """Payload bytes that one library call of `read_arrays` delivers at most, unless one entry is
 bigger."""
 

@@ -361,7 +361,7 @@ class LogFile:
         one after the other: entry i's are payloads[offsets[i]:offsets[i + 1]]).
 
         The selection is counted and measured first, so each array is allocated once at its
-        size; then it is read in calls of at most 65536 entries and 64 MiB. With
+        size; then it is read in calls of at most 16384 entries and 16 MiB. With
         `payloads=False` no payload is read: `offsets` are zeros and `payloads` is empty.
         ImportError without NumPy.
         """

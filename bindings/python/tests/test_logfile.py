@@ -2,6 +2,7 @@
 
 import dataclasses
 import gc
+import itertools
 import os
 import shutil
 import sqlite3
@@ -122,9 +123,9 @@ def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, m
     chunk = Columns.entries
     monkeypatch.setattr(Columns, "entries", lambda self: sizes.append(self.count) or chunk(self))
     with kl.LogFile.open(tmp_path / "copy.log") as log:
-        for selection in SELECTIONS:
-            assert list(log.iter_entries(first=3, chunk=7, **named(log, selection))) == expected(
-                kept, first=3, **selection)
+        for selection, size in itertools.product(SELECTIONS, (1, 7)):  # a filter looks at
+            assert list(log.iter_entries(first=3, chunk=size, **named(  # 16 ids per entry
+                log, selection))) == expected(kept, first=3, **selection)
     assert max(sizes) == 7
 
 

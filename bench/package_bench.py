@@ -3,7 +3,8 @@
 entries/s of read_arrays, to_pandas and iter_entries against readEntries (C++) and a row loop
 of sqlite3 (with python3-zstandard's decompression for a compressed file), and of log_many
 against logEntries, for entries of 64 B, 4 KiB and 1 MiB at levels 0 and -1; and the peak
-memory of read_arrays against the payload bytes it read.
+memory of read_arrays against the payload bytes it read. Ratios are baseline time over
+package time, of the wall clock and of processor time; a target is judged on the latter.
 
     /usr/bin/python3 bench/package_bench.py --library build-release/src/libkorvane-logging.so
 
@@ -40,20 +41,22 @@ def payload(entry: int, size: int) -> bytes:
     return (period * (size // 251 + 1))[:size]
 
 
-def median_time(run, rounds: int) -> float:
+def median_time(run, rounds: int) -> tuple[float, float]:
+    """The medians of the wall-clock and the processor seconds of `rounds` runs of `run`."""
     times = []
     for _ in range(rounds):
-        began = time.perf_counter()
+        wall, processor = time.perf_counter(), time.process_time()
         run()
-        times.append(time.perf_counter() - began)
-    return statistics.median(times)
+        times.append((time.perf_counter() - wall, time.process_time() - processor))
+    return tuple(statistics.median(column) for column in zip(*times))
 
 
-def cpp(options, *args: str) -> float:
-    """The median wall-clock seconds of package-compare-bench's rounds."""
+def cpp(options, *args: str) -> tuple[float, float]:
+    """The medians of the wall-clock and processor seconds of package-compare-bench's rounds."""
     lines = subprocess.run([str(options.cpp), *args], check=True, capture_output=True,
                            text=True).stdout.split("\n")
-    return statistics.median(float(line.split()[0]) for line in lines if line)
+    rounds = [tuple(map(float, line.split())) for line in lines if line]
+    return tuple(statistics.median(column) for column in zip(*rounds))
 
 
 def sqlite_rows(path: Path, level: int) -> None:
@@ -89,17 +92,23 @@ def main() -> int:
     options.dir.mkdir(parents=True, exist_ok=True)
     print(f"{options.rounds} rounds, medians; load average {os.getloadavg()[0]:.2f}")
     print(f"{'entries':>14} {'level':>5} {'operation':<13} {'package e/s':>12} "
-          f"{'baseline':<20} {'base e/s':>12} {'ratio':>6} {'target':>6}")
+          f"{'baseline':<20} {'base e/s':>12} {'ratio':>6} {'cpu':>6} {'target':>6}")
     results = []
 
-    def report(size, count, level, operation, seconds, baseline, base_seconds):
-        ratio = base_seconds / seconds
+    def report(size, count, level, operation, times, baseline, base_times):
+        (seconds, processor), (base_seconds, base_processor) = times, base_times
+        ratio, cpu_ratio = base_seconds / seconds, base_processor / processor
         target = TARGETS.get((operation, size, baseline))
-        verdict = "" if target is None else f"{target:6.2f}{'  below' if ratio < target else ''}"
-        label = f"{count} x {size if size < 1024 else f'{size >> 10} KiB' if size < 1 << 20 else '1 MiB'}"
+        # The target is judged on processor time, which other work on the machine disturbs
+        # least; the wall-clock ratio is shown beside it.
+        verdict = ("" if target is None
+                   else f"{target:6.2f}{'  below' if cpu_ratio < target else ''}")
+        unit = f"{size} B" if size < 1024 else f"{size >> 10} KiB" if size < 1 << 20 else "1 MiB"
+        label = f"{count} x {unit}"
         print(f"{label:>14} {level:>5} {operation:<13} {count / seconds:12,.0f} "
-              f"{baseline:<20} {count / base_seconds:12,.0f} {ratio:6.2f} {verdict}", flush=True)
-        results.append(target is not None and ratio < target)
+              f"{baseline:<20} {count / base_seconds:12,.0f} {ratio:6.2f} {cpu_ratio:6.2f} "
+              f"{verdict}", flush=True)
+        results.append(target is not None and cpu_ratio < target)
 
     for size, count in SIZES:
         count = max(10, count // 10) if options.quick else count
@@ -111,14 +120,15 @@ def main() -> int:
                 path.unlink(missing_ok=True)
                 with kl.LogFile.create(path, "package-bench", "1", level=level) as log:
                     log.add_source("source", 1)
-                    began = time.perf_counter()
+                    wall, processor = time.perf_counter(), time.process_time()
                     for first in range(0, count, BATCH):
                         chunk = payloads[first:first + BATCH]
                         log.log_many(sources=[1] * len(chunk), types=[1] * len(chunk),
                                      payloads=chunk, timestamps=range(first, first + len(chunk)))
-                    return time.perf_counter() - began
+                    return time.perf_counter() - wall, time.process_time() - processor
 
-            written = statistics.median(write() for _ in range(options.rounds))
+            rounds = [write() for _ in range(options.rounds)]
+            written = tuple(map(statistics.median, zip(*rounds)))
             cpp_written = cpp(options, "write", str(options.dir / "cpp.log"), str(count),
                               str(size), str(level), str(BATCH), str(options.rounds))
             report(size, count, level, "log_many", written, "C++ logEntries", cpp_written)
@@ -126,9 +136,10 @@ def main() -> int:
 
             read_all = cpp(options, "read", str(path), str(options.rounds))
             with kl.LogFile.open(path, read_only=True) as log:
-                for operation, run in [("read_arrays", log.read_arrays),
-                                       ("to_pandas", log.to_pandas),
-                                       ("iter_entries", lambda: sum(1 for _ in log.iter_entries()))]:
+                log.to_pandas(last=1)  # NumPy and pandas are imported before the clock runs
+                every = [("read_arrays", log.read_arrays), ("to_pandas", log.to_pandas),
+                         ("iter_entries", lambda: sum(1 for _ in log.iter_entries()))]
+                for operation, run in every:
                     report(size, count, level, operation, median_time(run, options.rounds),
                            "C++ readEntries", read_all)
                 if level == 0 or zstandard is not None:

@@ -15,10 +15,11 @@ NOT_A_LOG_FILE = "This file is not in a supported log file format."
 
 
 def write_log(path, index):
-    """File `index` (5 * index entries, timestamps out of order) as the fleet's rows give it."""
+    """File `index` (5 * index entries, timestamps out of order; file 9 holds more payload
+    than a first chunk of columns) as the fleet's rows give it."""
     names, count = list(TYPES)[index % 3:] + list(TYPES)[:index % 3][:index % 2], 5 * index
     entries = [{"file": str(path), "id": j + 1, "timestamp": 10_000 * index + 10 * (j * 7 % count),
-                "source": names[j % len(names)], "type": j % 3, "data": bytes([index, j]) * j}
+                "source": names[j % len(names)], "type": j % 3, "data": bytes([index, j]) * j * 40}
                for j in range(count)]
     marks = [{"file": str(path), "entry_id": 4 * k + 1, "timestamp": entries[4 * k]["timestamp"],
               "title": f"mark {k}", "comment": f"in file {index}", "payload": b"%d" % k}

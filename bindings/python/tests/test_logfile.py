@@ -6,6 +6,7 @@ import itertools
 import os
 import shutil
 import sqlite3
+import sys
 import threading
 import time
 from array import array
@@ -405,6 +406,13 @@ def test_a_damaged_payload_fails_the_read_after_the_entries_before_it(tmp_path, 
         with pytest.raises(kl.LogError, match="^Compressed payload is damaged: "):
             read.extend(log.iter_entries(chunk=5))
         assert [e.data for e in read] == [b"%05d, " % i * 500 for i in range(11)]
+
+
+def test_columns_without_numpy_name_the_package_to_install(log, monkeypatch):
+    monkeypatch.setitem(sys.modules, "numpy", None)  # an import of it fails
+    with pytest.raises(ImportError, match="apt-get install python3-numpy"):
+        log.read_arrays()
+    assert len(log.read_entries(last=2)) == 2  # the rest goes on without it
 
 
 def test_open_refuses_an_empty_file_and_read_only_writes_nothing(recording, tmp_path):

@@ -300,6 +300,8 @@ class LogFile:
             if offsets is None:
                 payloads = _sequence(payloads)
             timestamps = [now] * len(types) if timestamps is None else _sequence(timestamps)
+            if isinstance(timestamps, (list, tuple)) and None in timestamps:
+                timestamps = [now if stamp is None else stamp for stamp in timestamps]
         Batch(sources, types, timestamps, payloads, offsets).log(lib, file)
 
     def read_entry(self, entry_id: int) -> Entry:

@@ -3,8 +3,8 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench bench-smoke crash-test clean \
-	docs deb deb-test
+.PHONY: all deps build demo test test-asan test-tsan test-pythons debug release asan tsan bench \
+	bench-smoke crash-test clean docs deb deb-test
 
 all: build
 
@@ -27,6 +27,11 @@ build: debug
 
 test: debug
 	cd build-debug && ctest --output-on-failure -j $(JOBS)
+
+# The Python package installed with pip into a fresh environment of each Python 3.9 to 3.13 on
+# the machine, and its tests run there.
+test-pythons: debug
+	bindings/python/test-pythons build-debug/src/libkorvane-logging.so
 
 test-asan: asan
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)

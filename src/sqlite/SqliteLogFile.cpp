@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -999,6 +1001,127 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
         property.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 0));
     }
     return properties;
+}
+
+// ---- Entries without records ----
+
+namespace {
+
+// What selects the entries of a range and a filter, after a head: the filter, the range.
+std::string rangeSelection(const EntryIndexFilter& filter) {
+    const std::string clause = buildFilterClause(filter);
+    return (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
+           Statements::rangeCondition;
+}
+
+// Binds the parameters of `rangeSelection`. -1 stands for the first and last entry, so the
+// whole range of ids selects the same rows without the two aggregates.
+void bindRange(SqliteQuery& query, std::int32_t minimumEntryId, std::int32_t maximumEntryId,
+               const EntryIndexFilter& filter) {
+    constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::int32_t highest = std::numeric_limits<std::int32_t>::max();
+    query.bindParameter(":minimumEntryId", minimumEntryId == -1 ? lowest : minimumEntryId);
+    query.bindParameter(":maximumEntryId", maximumEntryId == -1 ? highest : maximumEntryId);
+    bindFilterParameters(filter, query);
+}
+
+}  // namespace
+
+SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads, const std::function<bool(EntryRow&)>& visit) const {
+    const bool compressed = impl->compressionLevel != 0;
+    // A stored payload's size is its uncompressed size, which SQLite reads without its pages;
+    // a compressed one records that size in its frame, which has to be read.
+    const bool sizeFromLength = payloads == Payloads::Size && !compressed;
+    const char* head = payloads == Payloads::Skip ? Statements::entryFieldsHead
+                       : sizeFromLength           ? Statements::entrySizeHead
+                                                  : Statements::entryHead;
+    SqliteQuery query(impl->database,
+                      head + rangeSelection(filter) + Statements::orderForEntries + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
+
+    // Damaged payloads end the visit with a result rather than an exception, so that the
+    // visitor knows whether the last row it was given holds its payload.
+    const auto payloadFailure = [&](const std::exception& failure, VisitEnd end) {
+        impl->lastError = failure.what();
+        return end;
+    };
+    SqliteQuery::QueryResult result;
+    EntryRow row;
+    while ((result = query.executeStep()) == SqliteQuery::Row) {
+        row.entryId = static_cast<std::int32_t>(integerColumn(query, 0));
+        row.timestamp = integerColumn(query, 1);
+        row.type = static_cast<std::int32_t>(integerColumn(query, 2));
+        row.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 3));
+        row.target = nullptr;
+        row.size = 0;
+        std::optional<BlobView> blob;
+        if (sizeFromLength) {
+            row.size = static_cast<std::size_t>(integerColumn(query, 4));
+        } else if (payloads != Payloads::Skip) {
+            // A payload that is no blob reads as empty, as in `readEntries`.
+            blob = query.getBlobFromColumn(4);
+            row.size = blob ? blob->size : 0;
+            if (compressed && row.size != 0) {
+                try {
+                    row.size = Compression::uncompressedSize(blob->data, blob->size);
+                } catch (const std::runtime_error& failure) {
+                    return payloadFailure(failure, VisitEnd::RowFailed);
+                }
+            }
+        }
+        const std::size_t size = row.size;
+        if (!visit(row)) {
+            return VisitEnd::Complete;
+        }
+        if (payloads != Payloads::Bytes || row.target == nullptr || size == 0) {
+            continue;
+        }
+        if (!compressed) {
+            std::memcpy(row.target, blob->data, size);
+            continue;
+        }
+        try {
+            Compression::uncompress(blob->data, blob->size, row.target, size);
+        } catch (const std::runtime_error& failure) {
+            return payloadFailure(failure, VisitEnd::PayloadFailed);
+        }
+    }
+    if (result == SqliteQuery::Error) {
+        impl->reportDatabaseError();
+        return VisitEnd::RowFailed;
+    }
+    return VisitEnd::Complete;
+}
+
+std::optional<SqliteLogFile::EntryTotals> SqliteLogFile::measureEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads) const {
+    EntryTotals totals;
+    if (payloads != Payloads::Skip && impl->compressionLevel != 0) {
+        const VisitEnd end = visitEntries(minimumEntryId, maximumEntryId, filter, Payloads::Size,
+                                          [&](const EntryRow& row) {
+                                              ++totals.entries;
+                                              totals.payloadBytes += row.size;
+                                              return true;
+                                          });
+        return end == VisitEnd::Complete ? std::optional(totals) : std::nullopt;
+    }
+    SqliteQuery query(impl->database, Statements::countAndSizeHead + rangeSelection(filter) + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
+    query.executeStep();
+    const std::optional<std::int64_t> entries = query.getIntegerFromColumn(0);
+    if (!entries) {
+        impl->reportDatabaseError();
+        return std::nullopt;
+    }
+    totals.entries = *entries;
+    if (payloads != Payloads::Skip) {
+        // The sum of no rows is NULL.
+        totals.payloadBytes = static_cast<std::uint64_t>(query.getIntegerFromColumn(1).value_or(0));
+    }
+    return totals;
 }
 
 }  // namespace Korvane::Logging

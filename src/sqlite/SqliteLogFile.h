@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -131,6 +133,68 @@ public:
     std::vector<DataEntry> readEntries(std::int32_t minimumEntryId, std::int32_t maximumEntryId,
                                        const EntryIndexFilter& filter,
                                        std::int32_t limit) const override;
+
+    // ---- Entries without records ----
+
+    // One entry as `visitEntries` shows it: the fields of its `DataEntry`, the size of its
+    // payload as `readEntries` would give it, and where the visitor wants that payload.
+    struct EntryRow {
+        std::int32_t entryId = 0;
+        std::int64_t timestamp = 0;
+        std::int32_t type = 0;
+        std::int8_t dataSourceId = 0;
+        // Bytes of the uncompressed payload; 0 when payloads are skipped.
+        std::size_t size = 0;
+        // Set by the visitor: where the `size` bytes of the payload go, in memory of its own.
+        // Left null, the payload is neither copied nor uncompressed.
+        std::uint8_t* target = nullptr;
+    };
+
+    // What `visitEntries` reads of each payload.
+    enum class Payloads {
+        // Nothing: the payload column is not read and `size` is 0.
+        Skip,
+        // Its size only: the visitor's `target` is not used.
+        Size,
+        // Its size, and its bytes into the visitor's `target`.
+        Bytes,
+    };
+
+    // How `visitEntries` ended.
+    enum class VisitEnd {
+        // The entries ran out, or `visit` stopped.
+        Complete,
+        // A row, or the frame header of its payload, could not be read; every row visited is
+        // whole.
+        RowFailed,
+        // The payload of the last row visited could not be uncompressed into its target, which
+        // holds no whole payload; the rows visited before it are whole.
+        PayloadFailed,
+    };
+
+    // Calls `visit` with each entry that `readEntries(minimumEntryId, maximumEntryId, filter, -1)`
+    // would return, in the same order, from one statement and without making a `DataEntry`.
+    // `visit` returns false to stop before the entry it was given, whose payload is then not
+    // written. After a failure, `getLastError` tells what failed.
+    VisitEnd visitEntries(std::int32_t minimumEntryId, std::int32_t maximumEntryId,
+                          const EntryIndexFilter& filter, Payloads payloads,
+                          const std::function<bool(EntryRow&)>& visit) const;
+
+    // How many entries `visitEntries` would visit, and how many bytes their payloads hold.
+    struct EntryTotals {
+        std::int64_t entries = 0;
+        // 0 when payloads are skipped.
+        std::uint64_t payloadBytes = 0;
+    };
+
+    // The totals of what `visitEntries` would visit with the same arguments. In a file of level
+    // 0, and for the count alone, one aggregate statement gives them; a compressed file's
+    // payload sizes are read from each payload's frame header. Empty, with `getLastError`, when
+    // they cannot be read.
+    std::optional<EntryTotals> measureEntries(std::int32_t minimumEntryId,
+                                              std::int32_t maximumEntryId,
+                                              const EntryIndexFilter& filter,
+                                              Payloads payloads) const;
 
 private:
     struct Impl;

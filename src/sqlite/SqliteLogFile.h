@@ -139,9 +139,13 @@ public:
     // One entry as `visitEntries` shows it: the fields of its `DataEntry`, the size of its
     // payload as `readEntries` would give it, and where the visitor wants that payload.
     struct EntryRow {
+        // The entry's id, as `DataEntry::entryId`.
         std::int32_t entryId = 0;
+        // Milliseconds since the Unix epoch, as `DataEntry::timestamp`.
         std::int64_t timestamp = 0;
+        // The caller's type of the entry, as `DataEntry::type`.
         std::int32_t type = 0;
+        // The source that delivered it, as `DataEntry::dataSourceId`.
         std::int8_t dataSourceId = 0;
         // Bytes of the uncompressed payload; 0 when payloads are skipped.
         std::size_t size = 0;
@@ -182,6 +186,7 @@ public:
 
     // How many entries `visitEntries` would visit, and how many bytes their payloads hold.
     struct EntryTotals {
+        // The number of entries.
         std::int64_t entries = 0;
         // 0 when payloads are skipped.
         std::uint64_t payloadBytes = 0;

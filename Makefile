@@ -3,7 +3,8 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan debug release asan tsan bench bench-smoke crash-test clean
+.PHONY: all deps build demo test test-asan test-tsan test-pythons debug release asan tsan bench \
+	bench-smoke crash-test clean docs deb deb-test
 
 all: build
 
@@ -26,6 +27,11 @@ build: debug
 
 test: debug
 	cd build-debug && ctest --output-on-failure -j $(JOBS)
+
+# The Python package installed with pip into a fresh environment of each Python 3.9 to 3.13 on
+# the machine, and its tests run there.
+test-pythons: debug
+	bindings/python/test-pythons build-debug/src/libkorvane-logging.so
 
 test-asan: asan
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)
@@ -50,6 +56,21 @@ view-bench: release
 
 clean:
 	rm -rf build-debug build-release build-asan build-tsan
+
+# The API reference (Doxygen) in build-release/doc/reference/html; fails on any warning.
+docs: deps build-release/CMakeCache.txt
+	cmake -S . -B build-release -DKORVANE_WERROR=$(WERROR)
+	cmake --build build-release --target docs
+
+# Debian packages of the Release build in build-release/packages, checked by lintian.
+deb: release
+	rm -rf build-release/packages
+	cd build-release && cpack -G DEB
+	lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs build-release/packages/*.deb
+
+# Installs the packages on this machine, uses them as a user would and removes them.
+deb-test: deb
+	tests/packaging/deb-test.sh build-release/packages tests/install/consumer
 
 # Kills a recorder 200 times per configuration and reports what the files still hold.
 crash-test: release

@@ -1,5 +1,5 @@
 """The build backend of korvane-logging: wheels and a source archive, made with the standard
-library alone.
+library alone, on every Python from 3.9.
 
 pip calls these hooks (PEP 517, and PEP 660 for `pip install -e`). They need nothing beyond
 Python itself, so the package installs into any fresh virtual environment without network,
@@ -23,16 +23,172 @@ EPOCH = 315532800  # 1980-01-01, the earliest time a zip file can hold
 
 
 def _project() -> dict:
+    text = (ROOT / "pyproject.toml").read_text(encoding="utf-8")
     try:
         import tomllib
     except ModuleNotFoundError:  # Python before 3.11
+        return parse_toml(text)["project"]
+    return tomllib.loads(text)["project"]
+
+
+class _Toml:
+    """A reader of the part of TOML that pyproject.toml files use: tables, keys (bare, dotted
+    or quoted), basic and literal strings, integers, booleans, arrays and inline tables, and
+    comments. What it cannot read raises ValueError."""
+
+    def __init__(self, text: str) -> None:
+        self.text, self.at = text, 0
+
+    def fail(self, what: str) -> ValueError:
+        line = self.text.count("\n", 0, self.at) + 1
+        return ValueError(f"pyproject.toml, line {line}: {what}")
+
+    def skip(self, newlines: bool) -> None:
+        """Steps over blanks and comments, and over line ends when `newlines`."""
+        while self.at < len(self.text):
+            char = self.text[self.at]
+            if char == "#":
+                end = self.text.find("\n", self.at)
+                self.at = len(self.text) if end < 0 else end
+            elif char in " \t\r" or (newlines and char == "\n"):
+                self.at += 1
+            else:
+                return
+
+    def key(self) -> list[str]:
+        parts = []
+        while True:
+            self.skip(False)
+            char = self.text[self.at:self.at + 1]
+            if char in ('"', "'"):
+                parts.append(self.string())
+            else:
+                start = self.at
+                while self.at < len(self.text) and (self.text[self.at].isalnum()
+                                                    or self.text[self.at] in "-_"):
+                    self.at += 1
+                if start == self.at:
+                    raise self.fail("a key is missing")
+                parts.append(self.text[start:self.at])
+            self.skip(False)
+            if self.text[self.at:self.at + 1] != ".":
+                return parts
+            self.at += 1
+
+    def string(self) -> str:
+        quote = self.text[self.at]
+        self.at += 1
+        out = []
+        while self.at < len(self.text):
+            char = self.text[self.at]
+            self.at += 1
+            if char == quote:
+                return "".join(out)
+            if char == "\n":
+                break
+            if char == "\\" and quote == '"':
+                escape = self.text[self.at:self.at + 1]
+                self.at += 1
+                if escape in "uU":
+                    digits = 4 if escape == "u" else 8
+                    out.append(chr(int(self.text[self.at:self.at + digits], 16)))
+                    self.at += digits
+                    continue
+                simple = {"n": "\n", "t": "\t", "r": "\r", "b": "\b", "f": "\f",
+                          '"': '"', "\\": "\\"}
+                if escape not in simple:
+                    raise self.fail(f"unknown escape \\{escape}")
+                out.append(simple[escape])
+            else:
+                out.append(char)
+        raise self.fail("a string is not closed on its line")
+
+    def value(self) -> object:
+        self.skip(False)
+        char = self.text[self.at:self.at + 1]
+        if char in ('"', "'"):
+            if self.text.startswith(char * 3, self.at):
+                raise self.fail("multi-line strings are not supported")
+            return self.string()
+        if char == "[":
+            self.at += 1
+            items = []
+            while True:
+                self.skip(True)
+                if self.text[self.at:self.at + 1] == "]":
+                    self.at += 1
+                    return items
+                items.append(self.value())
+                self.skip(True)
+                if self.text[self.at:self.at + 1] == ",":
+                    self.at += 1
+                elif self.text[self.at:self.at + 1] != "]":
+                    raise self.fail("an array needs a comma or ]")
+        if char == "{":
+            self.at += 1
+            table: dict = {}
+            self.skip(False)
+            if self.text[self.at:self.at + 1] == "}":
+                self.at += 1
+                return table
+            while True:
+                self.assign(table)
+                self.skip(False)
+                char = self.text[self.at:self.at + 1]
+                self.at += 1
+                if char == "}":
+                    return table
+                if char != ",":
+                    raise self.fail("an inline table needs a comma or }")
+        end = self.at
+        while end < len(self.text) and self.text[end] not in ",]}#\n \t\r":
+            end += 1
+        word, self.at = self.text[self.at:end], end
+        if word in ("true", "false"):
+            return word == "true"
         try:
-            import tomli as tomllib
-        except ModuleNotFoundError:
-            raise RuntimeError("building korvane-logging needs Python 3.11 or newer, or the "
-                               "tomli package") from None
-    with open(ROOT / "pyproject.toml", "rb") as file:
-        return tomllib.load(file)["project"]
+            return int(word.replace("_", ""), 0)
+        except ValueError:
+            raise self.fail(f"cannot read the value {word!r}") from None
+
+    def assign(self, table: dict) -> None:
+        *path, last = self.key()
+        if self.text[self.at:self.at + 1] != "=":
+            raise self.fail("a key needs =")
+        self.at += 1
+        for part in path:
+            table = table.setdefault(part, {})
+        if last in table:
+            raise self.fail(f"the key {last!r} is given twice")
+        table[last] = self.value()
+
+    def document(self) -> dict:
+        root: dict = {}
+        table = root
+        while True:
+            self.skip(True)
+            if self.at >= len(self.text):
+                return root
+            if self.text[self.at] == "[":
+                if self.text.startswith("[[", self.at):
+                    raise self.fail("arrays of tables are not supported")
+                self.at += 1
+                table = root
+                for part in self.key():
+                    table = table.setdefault(part, {})
+                if self.text[self.at:self.at + 1] != "]":
+                    raise self.fail("a table header needs ]")
+                self.at += 1
+            else:
+                self.assign(table)
+            self.skip(False)
+            if self.at < len(self.text) and self.text[self.at] != "\n":
+                raise self.fail("a line holds more than one value")
+
+
+def parse_toml(text: str) -> dict:
+    """`text` read as TOML, for Pythons without tomllib: the subset that pyproject.toml uses."""
+    return _Toml(text).document()
 
 
 def _names(project: dict) -> tuple[str, str]:

@@ -54,6 +54,7 @@
 #include <stdbool.h>
 #endif
 
+/* Declares every function noexcept to C++ callers; empty in C. */
 #ifdef __cplusplus
 #define KV_LOG_NOEXCEPT noexcept
 extern "C" {

@@ -16,6 +16,7 @@ namespace Korvane::Logging {
 // Objects are handed around as `std::unique_ptr<LogFileInterface>`; they move but do not copy.
 class KORVANE_LOGGING_EXPORT LogFileInterface {
 public:
+    // Made and moved by the implementations, never copied; destroying one closes its file.
     LogFileInterface() = default;
     LogFileInterface(LogFileInterface&&) noexcept = default;
     LogFileInterface& operator=(LogFileInterface&&) noexcept = default;

@@ -12,6 +12,7 @@ namespace Korvane::Logging::Playback {
 // `frameNumber` is the first frame whose entry id is not below `entryId`, the last frame when
 // the bookmark lies beyond every frame, and -1 when the player has no frames.
 struct PlayerBookmark : Bookmark {
+    // The frame at which the bookmark lies, as told above.
     std::int32_t frameNumber = -1;
 };
 

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -16,6 +18,7 @@
 #include "EntryFilterSql.h"
 #include "Statements.h"
 #include "components/core/Compression.h"
+#include "components/core/Filesystem.h"
 #include "components/database/SqliteDatabase.h"
 #include "components/database/SqliteQuery.h"
 
@@ -169,6 +172,16 @@ struct SqliteLogFile::Impl {
     // process never finds the file half made.
     static std::unique_ptr<Impl> open(const std::filesystem::path& path, Access access,
                                       const std::function<void(Impl&)>& initialiseNewFile = {});
+
+    // Makes a new log file at `path` when nothing exists there: builds it under a temporary name
+    // in the same folder, gives it the schema and runs `initialise` on it, syncs it, and puts it
+    // in place in one step, so that another process finds nothing or the whole file, and a
+    // power cut leaves the same. False, with nothing changed, when something exists at `path`
+    // or the file system cannot put a file in place that way; the caller then makes the file
+    // where it stands. Throws when the file cannot be made, and when something appeared at
+    // `path` meanwhile. A row that `initialise` failed to write leaves its text in `failure`.
+    static bool buildInPlaceOf(const std::filesystem::path& path,
+                               const std::function<void(Impl&)>& initialise, std::string& failure);
 };
 
 namespace {
@@ -185,6 +198,15 @@ std::optional<PropertyValue> firstPropertyValue(SqliteQuery& query) {
         return std::nullopt;
     }
     return toPropertyValue(std::move(*value));
+}
+
+// `text` with every `from` in it replaced by `to`.
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = text.find(from); at != std::string::npos;
+         at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
 }
 
 std::string textColumn(const SqliteQuery& query, int column) {
@@ -466,6 +488,56 @@ std::unique_ptr<SqliteLogFile::Impl> SqliteLogFile::Impl::open(
     refuseNonDatabase(path);
 }
 
+bool SqliteLogFile::Impl::buildInPlaceOf(const std::filesystem::path& path,
+                                         const std::function<void(Impl&)>& initialise,
+                                         std::string& failure) {
+    const std::filesystem::path target = Filesystem::followLinks(path);
+    std::error_code error;
+    if (std::filesystem::symlink_status(target, error).type() !=
+        std::filesystem::file_type::not_found) {
+        return false;  // something is there, or the path cannot be examined
+    }
+    const std::filesystem::path temporary = Filesystem::makeTemporarySibling(target);
+    // Whatever happens before the file is in place, nothing of it stays behind.
+    const auto removeTemporary = [&] { std::filesystem::remove(temporary, error); };
+    try {
+        std::unique_ptr<Impl> building;
+        try {
+            building = std::make_unique<Impl>(temporary.string(), temporary, Access::ReadWrite);
+        } catch (const std::runtime_error& refusal) {
+            throw std::runtime_error(
+                replaceAll(refusal.what(), temporary.string(), path.string()));
+        }
+        SqliteDatabase& database = building->database;
+        database.executeSimpleQuery(Statements::synchronousOff);
+        database.executeSimpleQuery(Statements::journalInMemory);
+        for (const char* statement : Statements::schema) {
+            database.executeSimpleQuery(statement);
+        }
+        initialise(*building);
+        if (building->lastError != "No error") {
+            failure = building->lastError;
+        }
+    } catch (...) {
+        removeTemporary();
+        throw;
+    }
+    // Once the file is in place it is whole on disk, whatever happens to the machine.
+    Filesystem::sync(temporary);
+    switch (Filesystem::placeWithoutReplacing(temporary, target)) {
+    case Filesystem::Placement::Placed:
+        Filesystem::sync(target.parent_path().empty() ? "." : target.parent_path());
+        return true;
+    case Filesystem::Placement::Occupied:
+        removeTemporary();
+        throw std::runtime_error("Cannot create file as file already exists.");
+    case Filesystem::Placement::Unsupported:
+        break;
+    }
+    removeTemporary();
+    return false;
+}
+
 std::optional<int> SqliteLogFile::Impl::readSetting(const char* key) {
     SqliteQuery query(database, Statements::selectMetadataValue);
     query.bindParameter(":key", std::string(key), BindMode::Copy);
@@ -507,10 +579,20 @@ SqliteLogFile::SqliteLogFile(const std::string& filePath, const std::string& tim
         file.addMetadata("compressionLevel",
                          PropertyValue{std::in_place_type<std::int32_t>, compressionLevel});
     };
-    impl = Impl::open(std::filesystem::path(filePath), Access::ReadWrite, writeMetadata);
-    if (!impl->isNewFile) {
-        // A log file stood at the path already: its own rows stay, the missing ones are added.
-        writeMetadata(*impl);
+    const std::filesystem::path path(filePath);
+    std::string buildError;
+    if (Impl::buildInPlaceOf(path, writeMetadata, buildError)) {
+        impl = Impl::open(path, Access::ReadWrite);
+        impl->isNewFile = true;
+        if (!buildError.empty()) {
+            impl->lastError = buildError;
+        }
+    } else {
+        impl = Impl::open(path, Access::ReadWrite, writeMetadata);
+        if (!impl->isNewFile) {
+            // A log file stood at the path already: its own rows stay, the missing ones are added.
+            writeMetadata(*impl);
+        }
     }
     impl->compressionLevel = compressionLevel;
     impl->logVersion = currentLogVersion;
@@ -919,6 +1001,127 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
         property.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 0));
     }
     return properties;
+}
+
+// ---- Entries without records ----
+
+namespace {
+
+// What selects the entries of a range and a filter, after a head: the filter, the range.
+std::string rangeSelection(const EntryIndexFilter& filter) {
+    const std::string clause = buildFilterClause(filter);
+    return (clause.empty() ? std::string(Statements::bareLead) : clause + Statements::joiner) +
+           Statements::rangeCondition;
+}
+
+// Binds the parameters of `rangeSelection`. -1 stands for the first and last entry, so the
+// whole range of ids selects the same rows without the two aggregates.
+void bindRange(SqliteQuery& query, std::int32_t minimumEntryId, std::int32_t maximumEntryId,
+               const EntryIndexFilter& filter) {
+    constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr std::int32_t highest = std::numeric_limits<std::int32_t>::max();
+    query.bindParameter(":minimumEntryId", minimumEntryId == -1 ? lowest : minimumEntryId);
+    query.bindParameter(":maximumEntryId", maximumEntryId == -1 ? highest : maximumEntryId);
+    bindFilterParameters(filter, query);
+}
+
+}  // namespace
+
+SqliteLogFile::VisitEnd SqliteLogFile::visitEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads, const std::function<bool(EntryRow&)>& visit) const {
+    const bool compressed = impl->compressionLevel != 0;
+    // A stored payload's size is its uncompressed size, which SQLite reads without its pages;
+    // a compressed one records that size in its frame, which has to be read.
+    const bool sizeFromLength = payloads == Payloads::Size && !compressed;
+    const char* head = payloads == Payloads::Skip ? Statements::entryFieldsHead
+                       : sizeFromLength           ? Statements::entrySizeHead
+                                                  : Statements::entryHead;
+    SqliteQuery query(impl->database,
+                      head + rangeSelection(filter) + Statements::orderForEntries + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
+
+    // Damaged payloads end the visit with a result rather than an exception, so that the
+    // visitor knows whether the last row it was given holds its payload.
+    const auto payloadFailure = [&](const std::exception& failure, VisitEnd end) {
+        impl->lastError = failure.what();
+        return end;
+    };
+    SqliteQuery::QueryResult result;
+    EntryRow row;
+    while ((result = query.executeStep()) == SqliteQuery::Row) {
+        row.entryId = static_cast<std::int32_t>(integerColumn(query, 0));
+        row.timestamp = integerColumn(query, 1);
+        row.type = static_cast<std::int32_t>(integerColumn(query, 2));
+        row.dataSourceId = static_cast<std::int8_t>(integerColumn(query, 3));
+        row.target = nullptr;
+        row.size = 0;
+        std::optional<BlobView> blob;
+        if (sizeFromLength) {
+            row.size = static_cast<std::size_t>(integerColumn(query, 4));
+        } else if (payloads != Payloads::Skip) {
+            // A payload that is no blob reads as empty, as in `readEntries`.
+            blob = query.getBlobFromColumn(4);
+            row.size = blob ? blob->size : 0;
+            if (compressed && row.size != 0) {
+                try {
+                    row.size = Compression::uncompressedSize(blob->data, blob->size);
+                } catch (const std::runtime_error& failure) {
+                    return payloadFailure(failure, VisitEnd::RowFailed);
+                }
+            }
+        }
+        const std::size_t size = row.size;
+        if (!visit(row)) {
+            return VisitEnd::Complete;
+        }
+        if (payloads != Payloads::Bytes || row.target == nullptr || size == 0) {
+            continue;
+        }
+        if (!compressed) {
+            std::memcpy(row.target, blob->data, size);
+            continue;
+        }
+        try {
+            Compression::uncompress(blob->data, blob->size, row.target, size);
+        } catch (const std::runtime_error& failure) {
+            return payloadFailure(failure, VisitEnd::PayloadFailed);
+        }
+    }
+    if (result == SqliteQuery::Error) {
+        impl->reportDatabaseError();
+        return VisitEnd::RowFailed;
+    }
+    return VisitEnd::Complete;
+}
+
+std::optional<SqliteLogFile::EntryTotals> SqliteLogFile::measureEntries(
+    std::int32_t minimumEntryId, std::int32_t maximumEntryId, const EntryIndexFilter& filter,
+    Payloads payloads) const {
+    EntryTotals totals;
+    if (payloads != Payloads::Skip && impl->compressionLevel != 0) {
+        const VisitEnd end = visitEntries(minimumEntryId, maximumEntryId, filter, Payloads::Size,
+                                          [&](const EntryRow& row) {
+                                              ++totals.entries;
+                                              totals.payloadBytes += row.size;
+                                              return true;
+                                          });
+        return end == VisitEnd::Complete ? std::optional(totals) : std::nullopt;
+    }
+    SqliteQuery query(impl->database, Statements::countAndSizeHead + rangeSelection(filter) + ";");
+    bindRange(query, minimumEntryId, maximumEntryId, filter);
+    query.executeStep();
+    const std::optional<std::int64_t> entries = query.getIntegerFromColumn(0);
+    if (!entries) {
+        impl->reportDatabaseError();
+        return std::nullopt;
+    }
+    totals.entries = *entries;
+    if (payloads != Payloads::Skip) {
+        // The sum of no rows is NULL.
+        totals.payloadBytes = static_cast<std::uint64_t>(query.getIntegerFromColumn(1).value_or(0));
+    }
+    return totals;
 }
 
 }  // namespace Korvane::Logging

@@ -72,6 +72,18 @@ constexpr const char* countHead =
 constexpr const char* entryHead =
     "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload FROM data "
     "INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId ";
+// The entry head without the payload, and with its size in place of it: `length` of a blob
+// reads the size that the row records, without the blob's pages.
+constexpr const char* entryFieldsHead =
+    "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId FROM data "
+    "INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId ";
+constexpr const char* entrySizeHead =
+    "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, length(data.payload) "
+    "FROM data INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId ";
+// The number of entries and the sizes of their stored payloads, for the same joins.
+constexpr const char* countAndSizeHead =
+    "SELECT COUNT(*), SUM(length(data.payload)) FROM data INNER JOIN dataSources ON "
+    "data.dataSourceId = dataSources.dataSourceId ";
 constexpr const char* idHead =
     "SELECT entryId FROM data INNER JOIN dataSources ON data.dataSourceId = "
     "dataSources.dataSourceId ";

@@ -51,7 +51,8 @@ TEST_F(DatabaseTest, ValuesKeepTheirKindThroughBindAndRead) {
 }
 
 // A file opened for writing grows in whole MiB ahead of its pages, so a killed commit never
-// leaves a header that counts pages past the end of the file.
+// leaves a header that counts pages past the end of the file. The last connection to close cuts
+// the room off again; while another connection reads, it stays.
 TEST_F(DatabaseTest, FilesOpenedForWritingGrowAheadOfTheirPages) {
     for (const std::size_t bytes : {100u, 300'000u, 1'500'000u}) {
         SqliteQuery insert(*db, "INSERT INTO item VALUES (1, :value);");
@@ -62,6 +63,24 @@ TEST_F(DatabaseTest, FilesOpenedForWritingGrowAheadOfTheirPages) {
                             std::stoull(outside("PRAGMA page_size;")));
         EXPECT_EQ(size % (1 << 20), 0u) << size;
     }
+    const auto pagesSize = [&] {
+        return std::stoull(outside("PRAGMA page_count;")) * std::stoull(outside("PRAGMA page_size;"));
+    };
+    {
+        RawDatabase reader(path("test.db"));
+        reader.exec("BEGIN; SELECT COUNT(*) FROM item;");
+        db.reset();
+        EXPECT_EQ(std::filesystem::file_size(path("test.db")) % (1 << 20), 0u);
+        reader.exec("COMMIT;");
+    }
+    db = std::make_unique<SqliteDatabase>(path("test.db"), SqliteDatabase::OpenMode::ReadWrite);
+    db.reset();
+    EXPECT_EQ(std::filesystem::file_size(path("test.db")) % (1 << 20), 0u)
+        << "a connection that grew nothing leaves the file as it is";
+    db = std::make_unique<SqliteDatabase>(path("test.db"), SqliteDatabase::OpenMode::ReadWrite);
+    ASSERT_TRUE(db->executeSimpleQuery("INSERT INTO item VALUES (2, zeroblob(2000000));"));
+    db.reset();
+    EXPECT_EQ(std::filesystem::file_size(path("test.db")), pagesSize());
 }
 
 TEST_F(DatabaseTest, CachedStatementsServeOneQueryAtATime) {

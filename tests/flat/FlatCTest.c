@@ -205,14 +205,36 @@ int main(void) {
     CHECK(KV_LogFile_LogData(clone, late, &error) && countOf(clone) == 11);
     CHECK(countOf(file) == 10);
 
-    /* Read only: an empty file is refused and stays empty; a log file reads but takes nothing. */
     struct stat status;
+    KV_LogFile* reader = NULL;
+
+    /* Links count by what they point at: a link to a file is something, a dangling link is
+     * nothing, and a file created at a dangling link lands at its target. */
+    char link[96], target[96];
+    snprintf(link, sizeof link, "%s/link", dir);
+    snprintf(target, sizeof target, "%s/target.log", dir);
+    CHECK(symlink(path, link) == 0);
+    EXPECT_ERROR(KV_LogFile_Create(link, config, &error),
+                 "Cannot create file as file already exists.");
+    reader = KV_LogFile_Open(link, &error);
+    CHECK(reader != NULL && countOf(reader) == 10);
+    KV_LogFile_Destroy(reader);
+    CHECK(remove(link) == 0 && symlink("target.log", link) == 0);
+    EXPECT_ERROR(KV_LogFile_Open(link, &error), "Log file does not exist.");
+    CHECK(stat(target, &status) != 0);
+    reader = KV_LogFile_Create(link, config, &error);
+    CHECK(reader != NULL && countOf(reader) == 0 && stat(target, &status) == 0);
+    KV_LogFile_Destroy(reader);
+    remove(link);
+    remove(target);
+
+    /* Read only: an empty file is refused and stays empty; a log file reads but takes nothing. */
     fclose(fopen(other, "wb"));
     EXPECT_ERROR(KVX_OpenReadOnly(other, &error),
                  "This file is not in a supported log file format.");
     CHECK(stat(other, &status) == 0 && status.st_size == 0);
     EXPECT_ERROR(KVX_OpenReadOnly("/nonexistent/new.log", &error), "Log file does not exist.");
-    KV_LogFile* reader = KVX_OpenReadOnly(path, &error);
+    reader = KVX_OpenReadOnly(path, &error);
     CHECK(reader != NULL && countOf(reader) == 10);
     bookmark = KV_LogBookmark_Create(5, "late", "", NULL, 0);
     EXPECT_ERROR(KV_LogFile_AddBookmark(reader, bookmark, &error),

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix and builds a consumer against it twice: through the
-# CMake package and through pkg-config. The installed headers must need neither SQLite nor zstd.
+# Installs the build into a fresh prefix and builds consumers against it: through the CMake
+# package, and through pkg-config in C++ and in C99 (the guide's C example). The installed
+# headers must need neither SQLite nor zstd.
 # Then the installed Python package records and reads a file with the prefix's library, found
 # without LD_LIBRARY_PATH.
 set -euo pipefail
@@ -27,6 +28,10 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 -o "$work/pkg-consumer" "$consumer_dir/consumer.cpp" \
     $(pkg-config --cflags --libs korvane-logging)
 LD_LIBRARY_PATH="$libdir" "$work/pkg-consumer" "$work/run"
+# shellcheck disable=SC2046
+cc -std=c99 -Wall -Werror -o "$work/pkg-consumer-c" "$consumer_dir/../../../examples/guide.c" \
+    $(pkg-config --cflags --libs korvane-logging)
+LD_LIBRARY_PATH="$libdir" "$work/pkg-consumer-c" "$work/run" > /dev/null
 
 package=$(find "$work/prefix" -path '*/korvane_logging/_installed.py')
 [ -n "$package" ] || { echo "the Python package was not installed" >&2; exit 1; }

@@ -274,7 +274,9 @@ TEST_F(PlayerTest, TotalPlayTimeSpansThePlayersFramesAndKeepsThePosition) {
     EXPECT_EQ(own.frames(), Frames{0});
 }
 
-// Camera (A, odd ids) and IMU (B, even ids) in turns, played in a loop while bookmarks change.
+// Camera (A, odd ids) and IMU (B, even ids) in turns, played in a loop while bookmarks change
+// and another connection takes the file's write lock now and then: every change waits for the
+// lock and succeeds, whatever the playback thread is reading.
 TEST_F(PlayerTest, BookmarksChangeWhileThePlaybackThreadReads) {
     constexpr int frameCount = 20;
     std::vector<std::int64_t> timestamps;
@@ -294,6 +296,16 @@ TEST_F(PlayerTest, BookmarksChangeWhileThePlaybackThreadReads) {
     LogFilePlayer player(record(timestamps, sources), {typeA}, check, true, 0);
     player.seek(frameCount - 1, [](std::int32_t, DataEntry) {});
     player.play();
+    std::atomic<bool> writing{true};
+    std::thread otherWriter([&, file = name] {
+        Testing::RawDatabase other(file);
+        while (writing) {
+            other.exec("BEGIN IMMEDIATE;");
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            other.exec("COMMIT;");
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    });
     for (int round = 0; round < 30; ++round) {
         const std::int32_t entryId = 1 + (round * 7) % (2 * frameCount);
         player.addBookmark(entryId, "round", "added");
@@ -303,6 +315,10 @@ TEST_F(PlayerTest, BookmarksChangeWhileThePlaybackThreadReads) {
         ASSERT_EQ(player.getBookmarks().size(),
                   player.getUnderlyingLogFile().getBookmarks().size());
     }
+    writing = false;
+    otherWriter.join();
+    EXPECT_EQ(player.getUnderlyingLogFile().getLastError(), "No error");
+    EXPECT_EQ(player.getBookmarks().size(), 20u) << "30 added, every third removed";
     player.addBookmark(1000, "missing", "no such entry");  // refused, and nothing raised
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (delivered < 3 * frameCount && std::chrono::steady_clock::now() < giveUp) {

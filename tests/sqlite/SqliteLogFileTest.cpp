@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -152,6 +153,46 @@ TEST_F(LogFileTest, AFileBeingMadeIsOpenedWhenItIsWhole) {
     }
     OtherConnection maker(path("made.log"), make + "');");
     EXPECT_EQ(open("made.log").readEntry(1).value_or(DataEntry{}).data, bytes);
+}
+
+// A reader that spins on the path while a file is made finds nothing or the whole file, never an
+// empty database that it would make a log file of level 0 and then misread the entries of.
+TEST_F(LogFileTest, ANewFileAppearsAtItsPathWhole) {
+    const DataEntry written = entry(1, 3000, 1);
+    for (int run = 0; run < 40; ++run) {
+        const std::filesystem::path file = path("race" + std::to_string(run));
+        std::atomic<bool> logged{false};
+        std::string seen = "nothing";
+        std::thread reader([&] {
+            while (!std::filesystem::exists(file) && !logged) {
+            }
+            try {
+                SqliteLogFile log{file};
+                while (!logged) {
+                }
+                seen = log.readEntry(1).value_or(DataEntry{}).data == written.data ? "whole"
+                                                                                   : "misread";
+            } catch (const std::exception& refusal) {
+                seen = refusal.what();
+            }
+        });
+        auto log = create(file.filename().string(), 3);
+        logged = log->logData(written);
+        reader.join();
+        ASSERT_TRUE(seen == "whole" || seen == "nothing") << "run " << run << ": " << seen;
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 40)
+        << "a temporary file stayed behind";
+    // A file that cannot be made is reported under its own name, and leaves nothing.
+    const std::string missing = path("missing/new.log");
+    try {
+        SqliteLogFile(missing, "", "", "", 0, 0);
+        ADD_FAILURE() << "made in a missing folder";
+    } catch (const std::runtime_error& refusal) {
+        EXPECT_EQ(std::string(refusal.what()),
+                  "Cannot open database '" + missing + "': unable to open database file");
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 40);
 }
 
 TEST_F(LogFileTest, SourcesAndPropertiesKeepTheirIdsAndKinds) {

@@ -2,10 +2,12 @@
 
 import base64
 import contextlib
+import hashlib
 import json
 import os
 import random
 import shlex
+import shutil
 import signal
 import sqlite3
 import subprocess
@@ -107,6 +109,35 @@ def die_in_a_write(path, data):  # a writer dies in a transaction whose pages sp
     return data
 
 
+def insert(path, *timestamps):  # entries that a writer other than the tool adds in one commit
+    with contextlib.closing(sqlite3.connect(path)) as db, db:
+        db.executemany("INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
+                       "VALUES (?, 1, 1, 1, x'2a')", [(t,) for t in timestamps])
+
+
+def header_past_end(path):  # what a writer that dies in the middle of a write can leave
+    with open(path, "r+b") as file:
+        file.seek(28), file.write((path.stat().st_size // 512 + 9).to_bytes(4, "big"))
+
+
+REPLACED = "was replaced by another file while it was followed"
+# How the file that tail follows goes (`other`: another recording, `older`: a copy of the followed
+# one before its last entry), tail's options, and what tail says then.
+REPLACEMENTS = [
+    (lambda path, other, older: os.replace(shutil.copy(other, f"{path}.new"), path), "", REPLACED),
+    (lambda path, other, older: shutil.copyfile(other, path), "", REPLACED),
+    # Its ids go back; the last entry printed is still there.
+    (lambda path, other, older: shutil.copyfile(older, path), "--source gnss", REPLACED),
+    # Copies of it that went on otherwise, with other counts in the header or the same ones.
+    (lambda p, other, older: (insert(older, 7), insert(older, 8), shutil.copyfile(older, p)), "",
+     REPLACED),
+    (lambda path, other, older: (insert(older, 7, 8), shutil.copyfile(older, path)), "", REPLACED),
+    (lambda path, other, older: os.truncate(path, 0), "", REPLACED),
+    (lambda path, other, older: os.truncate(path, counted(path.read_bytes()) // 2), "", REPLACED),
+    (lambda path, other, older: header_past_end(path), "",
+     "cannot be read any more; 'korvane-log check' tells what it holds")]
+
+
 LOST = "\n  data: {lost} of 1 to 200 cannot be read: {ids}\n"
 CUT = "\n  data: its last pages cannot be read; entries after id {last} are lost\n"
 PAGES = "".join(f"\n  {table}: some of its pages cannot be read" for table in ("metadata",
@@ -166,12 +197,16 @@ class ToolTest(unittest.TestCase):
             path, copy = self.recorded(entries, f"{level}.kvlog", "--level", level, "--app", "rig",
                                        "--app-version", "2.1"), self.dir / level
             info = self.info(path)
+            with open(path, "r+b") as grown:  # room that a killed writer leaves past the pages
+                grown.truncate(counted(path.read_bytes()) + (3 << 20))
             self.assertEqual([info[k] for k in (
                 "compressionLevel", "entryCount", "firstEntryId", "lastEntryId", "firstTimestamp",
                 "lastTimestamp", "spanMs", "payloadBytes", "fileSize")] + [
                 info["metadata"][k] for k in ("applicationName", "applicationVersion")], [
                 int(level), 150, 1, 150, min(stamps), max(stamps), max(stamps) - min(stamps),
-                sum(len(e["data"]) for e in entries), path.stat().st_size, "rig", "2.1"])
+                sum(len(e["data"]) for e in entries), counted(path.read_bytes()), "rig", "2.1"])
+            self.assertEqual([self.info(path)[k] for k in ("fileSize", "reservedBytes")],
+                             [info["fileSize"], path.stat().st_size - info["fileSize"]])
             self.assertEqual([(s["name"], s["type"], s["entryCount"], s["payloadBytes"])
                               for s in info["dataSources"]], [
                 (name, kind, len(mine[name]), sum(len(e["data"]) for e in mine[name]))
@@ -182,7 +217,10 @@ class ToolTest(unittest.TestCase):
                              b"".join(e["data"] for e in entries if e["source"] == "camera"))
             self.ok("record", copy, stdin=self.ok("cat", path, "--format", "json"))
             self.assertEqual(*[self.ok("cat", p, "--format", "json") for p in (path, copy)])
-        rows = self.ok("info", path).decode().splitlines()[-3:]  # the sources, with their rates
+        lines = self.ok("info", path).decode().splitlines()
+        self.assertRegex(lines[0], rf"^File +{path} \(\d+\.\d KiB, and 3\.00 MiB reserved for "
+                                   r"writing\)$")
+        rows = lines[-3:]  # the sources, with their rates
         self.assertEqual([row.split()[4] for row in rows], [
             f"{(len(m) - 1) * 1000 / (m[-1]['timestamp'] - m[0]['timestamp']):.1f}"
             for m in mine.values()])
@@ -282,6 +320,53 @@ class ToolTest(unittest.TestCase):
         for follower in tails.values():
             self.assertEqual((follower.communicate(timeout=60), follower.returncode), ((b"", (
                 f"korvane-log: {path}: was removed while it was followed\n").encode()), 1))
+
+    def test_tail_ends_when_its_file_is_replaced_however_that_was_done(self):
+        other = self.recorded(sample_entries(count=63, seed=8), "other.kvlog", "--level", "0")
+        for number, (replace, options, says) in enumerate(REPLACEMENTS):
+            path = self.recorded(sample_entries(count=30), f"{number}.kvlog", "--level", "0")
+            older = shutil.copy(path, self.dir / f"{number}-older.kvlog")
+            insert(path, 1)
+            tail = self.start("tail", path, "--format", "json", *options.split(),
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            ids = range(3, 31, 4) if options else range(1, 32)  # gnss: every fourth from 3
+            self.assertEqual([json.loads(tail.stdout.readline())["id"] for _ in ids], list(ids))
+            replace(path, other, older)
+            self.assertEqual((tail.communicate(timeout=60), tail.returncode),
+                             ((b"", f"korvane-log: {path}: {says}\n".encode()), 1), number)
+
+    def test_reading_verbs_leave_every_file_as_it_was(self):
+        p = self.recorded(sample_entries(count=200), "log.kvlog", "--level", "0")
+        self.ok("resources", p, "add", "notes", p)
+        self.ok("thumbnail", p, "set", p)
+        self.ok("bookmarks", p, "add", 2, "mark")
+        files = {name: shutil.copy(p, self.dir / name) for name in ("wal.kvlog", "journal.kvlog")}
+        query(files["wal.kvlog"], "PRAGMA journal_mode = WAL", mode="rw")  # writers undo it
+        files["journal.kvlog"].write_bytes(die_in_a_write(files["journal.kvlog"], b""))
+        files.setdefault("empty.kvlog", self.dir / "empty.kvlog").touch()
+        refused = {"journal.kvlog": "{}: a write to it did not finish, and {}-journal would undo "
+                   "it; 'korvane-log check' reads it as it stands",
+                   "empty.kvlog": "{}: not a log file (empty or not a regular file)"}
+        state = lambda file: (hashlib.sha256(file.read_bytes()).digest(),  # noqa: E731
+                              file.stat().st_mtime_ns)
+        for verb in ("info {}", "cat {}", "tail {} -n 1", "play {} --seek 195", "check {}",
+                     "meta {}", "bookmarks {}", "resources {}", "resources {} get notes -o {}",
+                     "thumbnail {}", "thumbnail {} get -o {}", "slice {} 1 2 -o {}",
+                     "clone {} -o {}"):
+            for name, path in files.items():
+                before = {f: state(f) for f in (path, Path(f"{path}-journal")) if f.exists()}
+                process = self.start(*verb.format(path, f"{path}.{verb[:5]}").split(),
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                code, says = (1, refused[name].format(path, path)) if name in refused else (0, "")
+                if verb == "check {}" and name == "journal.kvlog":  # check tells it on stdout
+                    says = ""
+                if verb.startswith("tail") and code == 0:
+                    process.stdout.readline()
+                    process.send_signal(signal.SIGINT)
+                err = process.communicate(timeout=60)[1].decode()
+                self.assertEqual((process.returncode, err.removeprefix("korvane-log: ").strip()),
+                                 (code, says), (verb, name))
+                self.assertEqual({f: state(f) for f in before}, before, (verb, name))
 
     def test_bad_files_and_arguments_give_one_line_and_change_nothing(self):
         p, bare = self.recorded(sample_entries(count=4)), self.recorded([], "bare.kvlog")

@@ -1,6 +1,6 @@
 // meta, bookmarks, resources and thumbnail: what is added to a file around its entries. Each
 // lists without an action and changes the file with one, after checking what the library would
-// accept silently or refuse without a reason.
+// accept silently or refuse without a reason. Listing and getting open the file read-only.
 
 #include <algorithm>
 #include <iostream>
@@ -100,7 +100,8 @@ void listBookmarks(const LogFileInterface& log) {
 }  // namespace
 
 int runMeta(const MetaOptions& options) {
-    const std::unique_ptr<SqliteLogFile> log = openLog(options.file);
+    const std::unique_ptr<SqliteLogFile> log =
+        options.action.empty() ? openLog(options.file) : openLogToChange(options.file);
     if (options.action == "set") {
         const PropertyValue value = parseValue(options);
         if (log->getMetadataValue(options.key)) {
@@ -125,7 +126,8 @@ int runMeta(const MetaOptions& options) {
 }
 
 int runBookmarks(const BookmarkOptions& options) {
-    const std::unique_ptr<SqliteLogFile> log = openLog(options.file);
+    const std::unique_ptr<SqliteLogFile> log =
+        options.action.empty() ? openLog(options.file) : openLogToChange(options.file);
     const std::string entry = "entry " + std::to_string(options.entryId);
     Bookmark bookmark{options.entryId, options.title, options.comment, {}};
     if (options.action == "add") {
@@ -155,7 +157,8 @@ int runBookmarks(const BookmarkOptions& options) {
 }
 
 int runResources(const ResourceOptions& options) {
-    const std::unique_ptr<SqliteLogFile> log = openLog(options.file);
+    const std::unique_ptr<SqliteLogFile> log =
+        options.action == "add" ? openLogToChange(options.file) : openLog(options.file);
     if (options.action == "get") {
         const std::optional<ByteArray> bytes = log->getResource(options.name);
         if (!bytes) {
@@ -185,7 +188,8 @@ int runResources(const ResourceOptions& options) {
 }
 
 int runThumbnail(const ThumbnailOptions& options) {
-    const std::unique_ptr<SqliteLogFile> log = openLog(options.file);
+    const std::unique_ptr<SqliteLogFile> log =
+        options.action == "set" ? openLogToChange(options.file) : openLog(options.file);
     if (options.action == "set") {
         const ByteArray bytes = readBytes(options.path);
         requireSuccess(log->setThumbnail(bytes), *log, "set the thumbnail");

@@ -12,6 +12,7 @@
 #include "Commands.h"
 #include "EntryOutput.h"
 #include "Format.h"
+#include "RawLogReader.h"
 
 namespace KorvaneLog {
 
@@ -44,7 +45,8 @@ struct EntryStats {
 // Everything `info` reports, gathered in one walk over the entries.
 struct Summary {
     fs::path file;
-    std::uintmax_t fileSize = 0;
+    std::uint64_t fileSize = 0;       // the pages, as the file is once cleanly closed
+    std::uint64_t reservedBytes = 0;  // beyond the pages: room a writer grew ahead of them
     std::int32_t entryCount = 0;
     std::int32_t firstId = -1;
     std::int32_t lastId = -1;
@@ -60,7 +62,6 @@ struct Summary {
 Summary summarise(const LogFileInterface& log) {
     Summary summary;
     summary.file = log.getFilePath();
-    summary.fileSize = fs::file_size(summary.file);
     summary.entryCount = std::max(log.getEntryCount(), 0);
     if (summary.entryCount > 0) {
         summary.firstId = log.getFirstEntryId();
@@ -78,6 +79,10 @@ Summary summarise(const LogFileInterface& log) {
     summary.metadata = log.getAllMetadata();
     summary.resources = log.getAllResources();
     summary.bookmarkCount = log.getBookmarks().size();
+    // A live or killed writer leaves the file longer than its pages; a clean close cuts it.
+    const std::uint64_t length = fs::file_size(summary.file);
+    summary.fileSize = bytesOfPages(summary.file).value_or(length);
+    summary.reservedBytes = length > summary.fileSize ? length - summary.fileSize : 0;
     return summary;
 }
 
@@ -132,7 +137,11 @@ void printSummary(const Summary& summary) {
     };
     const std::optional<std::int64_t> created = metadataInteger(summary, "createdDateTime");
     const std::optional<std::int64_t> level = metadataInteger(summary, "compressionLevel");
-    field("File", summary.file.string() + " (" + humanSize(summary.fileSize) + ")");
+    field("File", summary.file.string() + " (" + humanSize(summary.fileSize) +
+                      (summary.reservedBytes > 0
+                           ? ", and " + humanSize(summary.reservedBytes) + " reserved for writing"
+                           : std::string()) +
+                      ")");
     field("Log version", metadataText(summary, "logVersion") + ", compression " +
                              compressionText(level.value_or(0)));
     field("Created", created ? isoDateTime(*created) : "(unknown)");
@@ -199,6 +208,7 @@ json summaryJson(const Summary& summary) {
     json out;
     out["file"] = summary.file.string();
     out["fileSize"] = summary.fileSize;
+    out["reservedBytes"] = summary.reservedBytes;
     out["logVersion"] = metadataInteger(summary, "logVersion").value_or(0);
     out["compressionLevel"] = metadataInteger(summary, "compressionLevel").value_or(0);
     if (const auto created = metadataInteger(summary, "createdDateTime")) {

@@ -13,7 +13,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <thread>
 
 namespace KorvaneLog {
 
@@ -32,6 +31,25 @@ std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
         .count();
+}
+
+std::unique_ptr<SqliteLogFile> openExisting(const fs::path& file, SqliteLogFile::Access access) {
+    refuseUnusablePath(file);
+    try {
+        return std::make_unique<SqliteLogFile>(file, access);
+    } catch (const Korvane::Logging::LegacyLogFileError&) {
+        throw ToolError(file, "a legacy log file of the older format, which cannot be read");
+    } catch (const std::exception& failure) {
+        // SQLite undoes such a write before anything else is read, which a reader must not do.
+        if (const std::optional<fs::path> journal = unfinishedWrite(file)) {
+            throw ToolError(file, "a write to it did not finish, and " + journal->string() +
+                                      " would undo it; 'korvane-log check' reads it as it stands");
+        }
+        if (dynamic_cast<const Korvane::Logging::NotALogFileError*>(&failure) != nullptr) {
+            throw ToolError(file, "not a log file");
+        }
+        throw ToolError(file, failure.what());
+    }
 }
 
 std::string firstLineOf(const fs::path& file) {
@@ -58,34 +76,19 @@ void refuseUnusablePath(const fs::path& file) {
     if (fs::is_directory(status)) {
         throw ToolError(file, "is a directory, not a log file");
     }
-    // The library would give an empty file the schema of a new log: leave it untouched. A file
-    // that another process has just created is empty until its first commit, a moment later.
-    const auto emptyFor = [&file, &error](std::chrono::milliseconds patience) {
-        const auto until = std::chrono::steady_clock::now() + patience;
-        while (fs::file_size(file, error) == 0 && !error) {
-            if (std::chrono::steady_clock::now() >= until) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return static_cast<bool>(error);
-    };
-    if (!fs::is_regular_file(status) || emptyFor(std::chrono::milliseconds(200))) {
+    // The library would give an empty file the schema of a new log when it opens it to change
+    // it: leave it untouched. A new log file appears at its path whole, never empty.
+    if (!fs::is_regular_file(status) || fs::file_size(file, error) == 0 || error) {
         throw ToolError(file, "not a log file (empty or not a regular file)");
     }
 }
 
 std::unique_ptr<SqliteLogFile> openLog(const fs::path& file) {
-    refuseUnusablePath(file);
-    try {
-        return std::make_unique<SqliteLogFile>(file);
-    } catch (const Korvane::Logging::LegacyLogFileError&) {
-        throw ToolError(file, "a legacy log file of the older format, which cannot be read");
-    } catch (const Korvane::Logging::NotALogFileError&) {
-        throw ToolError(file, "not a log file");
-    } catch (const std::exception& failure) {
-        throw ToolError(file, failure.what());
-    }
+    return openExisting(file, SqliteLogFile::Access::ReadOnly);
+}
+
+std::unique_ptr<SqliteLogFile> openLogToChange(const fs::path& file) {
+    return openExisting(file, SqliteLogFile::Access::ReadWrite);
 }
 
 std::unique_ptr<SqliteLogFile> createLog(const fs::path& file, const NewFileIdentity& identity) {
@@ -108,6 +111,16 @@ void requireSuccess(bool done, const LogFileInterface& log, const std::string& a
     if (!done) {
         throw refusal(log, action);
     }
+}
+
+std::optional<fs::path> unfinishedWrite(const fs::path& file) {
+    fs::path journal = file;
+    journal += "-journal";
+    std::error_code error;
+    if (fs::is_regular_file(journal, error) && fs::file_size(journal, error) > 0 && !error) {
+        return journal;
+    }
+    return std::nullopt;
 }
 
 void requireAbsent(const fs::path& output) {

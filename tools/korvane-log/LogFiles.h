@@ -36,13 +36,23 @@ public:
     using ToolError::ToolError;
 };
 
-// Opens an existing log file. Refuses a missing path (which the library would create), a
-// directory, an empty file, a legacy file and a foreign file, each with its own reason.
 // Throws `ToolError` unless `file` is a non-empty regular file: a missing path, a directory or an
 // empty file is refused before anything opens it.
 void refuseUnusablePath(const fs::path& file);
 
+// Opens an existing log file for reading only: nothing is ever written to it, not even by the
+// library's checks of an opened file. Refuses a missing path, a directory, an empty file, a
+// legacy file, a foreign file and a file whose unfinished write would have to be undone first,
+// each with its own reason.
 std::unique_ptr<SqliteLogFile> openLog(const fs::path& file);
+
+// Opens an existing log file for the verbs that change it, refusing what `openLog` refuses.
+std::unique_ptr<SqliteLogFile> openLogToChange(const fs::path& file);
+
+// The rollback journal beside `file` when a write to it did not finish: a process that died
+// while it changed the file in SQLite's default journal mode leaves one behind. Empty when there
+// is none.
+std::optional<fs::path> unfinishedWrite(const fs::path& file);
 
 // What a new log file says about itself.
 struct NewFileIdentity {

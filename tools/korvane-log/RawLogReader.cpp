@@ -24,6 +24,9 @@ constexpr const char* logTables[] = {
     "dataSources", "dataSourceProperties", "data", "metadata", "resources", "bookmarks",
 };
 
+// A file that another process is writing is waited for, as the library waits.
+constexpr int lockWaitMs = 60'000;
+
 // Rows read per query: a batch that fails is read again row by row.
 constexpr std::int64_t rowsPerBatch = 64;
 constexpr std::int64_t lowestId = std::numeric_limits<std::int64_t>::min();
@@ -321,14 +324,23 @@ DatabaseHeader readDatabaseHeader(const fs::path& file) {
     return header;
 }
 
-std::optional<fs::path> unfinishedWrite(const fs::path& file) {
-    fs::path journal = file;
-    journal += "-journal";
-    std::error_code error;
-    if (fs::is_regular_file(journal, error) && fs::file_size(journal, error) > 0 && !error) {
-        return journal;
+std::optional<std::uint64_t> bytesOfPages(const fs::path& file) {
+    sqlite3* database = nullptr;
+    const int opened = sqlite3_open_v2(fileUri(file).c_str(), &database,
+                                       SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+    sqlite3_stmt* statement = nullptr;
+    std::optional<std::uint64_t> bytes;
+    if (opened == SQLITE_OK && sqlite3_busy_timeout(database, lockWaitMs) == SQLITE_OK &&
+        sqlite3_prepare_v2(database,
+                           "SELECT page_count * page_size FROM pragma_page_count(), "
+                           "pragma_page_size();",
+                           -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        bytes = static_cast<std::uint64_t>(sqlite3_column_int64(statement, 0));
     }
-    return std::nullopt;
+    sqlite3_finalize(statement);
+    sqlite3_close(database);
+    return bytes;
 }
 
 void copyWithRepairedHeader(const fs::path& damaged, const fs::path& copy) {
@@ -426,8 +438,6 @@ RawLogReader::RawLogReader(const fs::path& file, const fs::path& shownAs, Openin
     if (opened != SQLITE_OK) {
         refuse(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(opened));
     }
-    // A file that another process is writing is waited for, as the library waits.
-    constexpr int lockWaitMs = 60'000;
     sqlite3_busy_timeout(database, lockWaitMs);
     // With the schema writable, SQLite takes a header that counts pages past the end of the file
     // for what the file holds instead of refusing it, and loads what it can of a damaged

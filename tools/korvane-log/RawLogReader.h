@@ -59,9 +59,10 @@ struct DatabaseHeader {
 // file or as no log file; otherwise reads the header of its first page.
 DatabaseHeader readDatabaseHeader(const fs::path& file);
 
-// The rollback journal beside `file` when a write to it did not finish: a process that died
-// while it changed the schema leaves one behind. Empty when there is none.
-std::optional<fs::path> unfinishedWrite(const fs::path& file);
+// The bytes of the pages of the log file at `file` as SQLite counts them, also those that a live
+// recorder's write-ahead log still holds: the size the file has once it is cleanly closed, without
+// the room that a writer grew ahead of its pages. Empty when SQLite cannot tell.
+std::optional<std::uint64_t> bytesOfPages(const fs::path& file);
 
 // Copies `damaged` to a new file `copy`, with the journal of an unfinished write, and makes the
 // copy's header agree with the copy: a header that counts pages past its end then counts the

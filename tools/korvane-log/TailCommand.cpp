@@ -3,8 +3,7 @@
 // Every write to a log file is complete when its call returns, so a reader sees each entry as
 // soon as it is recorded. `tail` asks the file for its last entry id every few milliseconds and
 // prints what is new; each query holds the file for microseconds, so the recorder barely waits.
-
-#include <sys/stat.h>
+// Each poll also proves that the file at the path is still the one followed (`FollowedFile`).
 
 #include <algorithm>
 #include <chrono>
@@ -13,6 +12,7 @@
 
 #include "Commands.h"
 #include "EntryOutput.h"
+#include "FollowedFile.h"
 #include "Terminal.h"
 
 namespace KorvaneLog {
@@ -24,34 +24,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto pollInterval = std::chrono::milliseconds(10);
 // After this long without a new entry, tail says once that it is still waiting.
 constexpr auto quietNotice = std::chrono::seconds(5);
-
-// Which file a path names: another file at the path means the followed one was replaced.
-struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool operator==(const FileIdentity& other) const {
-        return device == other.device && inode == other.inode;
-    }
-};
-
-std::optional<FileIdentity> identityOf(const fs::path& file) {
-    struct stat status {};
-    if (stat(file.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return FileIdentity{status.st_dev, status.st_ino};
-}
-
-// Throws when the file at `path` is no longer the one being followed.
-void requireSameFile(const fs::path& path, const FileIdentity& followed) {
-    const std::optional<FileIdentity> now = identityOf(path);
-    if (!now) {
-        throw ToolError(path, "was removed while it was followed");
-    }
-    if (!(*now == followed)) {
-        throw ToolError(path, "was replaced by another file while it was followed");
-    }
-}
 
 // The first id of the last `count` entries that `filter` selects, reading back from `last` a
 // window at a time; -1 when the file holds none.
@@ -78,31 +50,43 @@ std::int64_t startOfLast(const LogFileInterface& log, const EntryIndexFilter& fi
 
 int runTail(const TailOptions& options) {
     const InterruptGuard interrupt;
-    const fs::path path = options.file;
-    const std::unique_ptr<SqliteLogFile> log = openLog(path);
-    const std::optional<FileIdentity> followed = identityOf(path);
-    if (!followed) {
-        throw ToolError(path, "was removed while it was opened");
-    }
+    FollowedFile followed(options.file);
     EntryRange range;
-    range.filter.dataSources = resolveSources(*log, options.sources);
-    std::vector<DataSource> sources = log->getDataSources();
+    range.filter.dataSources = resolveSources(followed.log(), options.sources);
+    std::vector<DataSource> sources = followed.log().getDataSources();
     // Ids up to ten digits keep the table's columns in place as the file grows.
     const EntryPrinter print = entryPrinter(options.format, sources, 1'000'000'000);
 
-    std::int64_t last = log->getLastEntryId();
-    range.first = options.lines < 0 ? log->getFirstEntryId()
-                                    : startOfLast(*log, range.filter, options.lines, last);
+    std::int64_t last = followed.lastEntryId();
+    range.first = options.lines < 0
+                      ? followed.log().getFirstEntryId()
+                      : startOfLast(followed.log(), range.filter, options.lines, last);
     const auto printNew = [&] {
         range.last = static_cast<std::int32_t>(last);
+        // The read starts again at the entry printed last, which proves that the file still
+        // holds it: a copy of another recording over the file would not.
+        bool again = followed.lastPrintedId() >= 0;
+        if (again) {
+            range.first = followed.lastPrintedId();
+        }
         if (range.first >= 0 && range.first <= range.last) {
-            forEachEntry(*log, range, [&](const DataEntry& entry) {
+            const SqliteLogFile& log = followed.log();
+            forEachEntry(log, range, [&](const DataEntry& entry) {
+                if (again) {
+                    followed.requirePrinted(&entry);
+                    again = false;
+                    return true;
+                }
                 if (findSource(sources, entry.dataSourceId) == nullptr) {
-                    sources = log->getDataSources();  // registered since the last look
+                    sources = log.getDataSources();  // registered since the last look
                 }
                 print(entry);
+                followed.notePrinted(entry);
                 return true;
             });
+        }
+        if (again) {
+            followed.requirePrinted(nullptr);
         }
         range.first = static_cast<std::int32_t>(last + 1);
         std::cout.flush();
@@ -113,11 +97,10 @@ int runTail(const TailOptions& options) {
     bool quietSaid = false;
     while (!InterruptGuard::raised() && std::cout) {
         std::this_thread::sleep_for(pollInterval);
-        requireSameFile(path, *followed);
-        const std::int64_t newest = log->getLastEntryId();
+        const std::int64_t newest = followed.lastEntryId();
         if (newest <= last) {
             if (!quietSaid && Clock::now() - lastGrowth >= quietNotice) {
-                std::cerr << path.string() << ": no new entry for "
+                std::cerr << options.file << ": no new entry for "
                           << std::chrono::duration_cast<std::chrono::seconds>(quietNotice).count()
                           << " s; still following (Ctrl-C ends)" << std::endl;
                 quietSaid = true;

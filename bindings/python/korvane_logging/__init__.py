@@ -3,11 +3,13 @@
 A pure-Python package over the flat C interface of libkorvane-logging, loaded with ctypes from
 the path given to `load`, else from $KORVANE_LOGGING_LIBRARY, else from where an installation
 put it, else from the system. `korvane_logging.fleet` asks questions of many files at once with
-Dask; it is imported on first use, so the rest of the package needs nothing but the library.
+Dask; it is imported on first use, and `LogFile.read_arrays` and `to_pandas` import NumPy and
+pandas on first use, so the rest of the package needs nothing but the library.
 """
 
 import importlib
 
+from ._arrays import EntryArrays
 from ._calls import Value
 from ._library import load
 from .errors import LogError, NotFoundError
@@ -15,8 +17,8 @@ from .logfile import LogFile
 from .records import Bookmark, Entry, Property, Source
 from .views import Metadata, Resources
 
-__all__ = ["Bookmark", "Entry", "LogError", "LogFile", "Metadata", "NotFoundError", "Property",
-           "Resources", "Source", "Value", "load"]
+__all__ = ["Bookmark", "Entry", "EntryArrays", "LogError", "LogFile", "Metadata",
+           "NotFoundError", "Property", "Resources", "Source", "Value", "load"]
 __version__ = "1.0.0"
 
 

@@ -5,12 +5,11 @@ from __future__ import annotations
 
 import ctypes
 import operator
-from array import array
 from contextlib import contextmanager
 from ctypes import byref, c_char_p, c_double, c_int64, c_uint64, c_void_p
 from typing import Any, Callable, Iterator, TypeVar, Union
 
-from ._library import EntryIdCallback, HandleCallback
+from ._library import HandleCallback
 from .errors import LogError
 
 Value = Union[int, float, str]
@@ -141,14 +140,6 @@ def collect(lib: ctypes.CDLL, function: str, *args: Any, family: str,
     if problems:
         raise problems[0]
     return items
-
-
-def collect_ids(lib: ctypes.CDLL, function: str, *args: Any) -> array[int]:
-    """The entry ids that an enumeration with an `error` parameter delivers, 4 bytes each."""
-    ids = array("i")
-    callback = EntryIdCallback(lambda _user_data, entry_id: ids.append(entry_id))
-    _run(lib, function, args, callback, has_error=True)
-    return ids
 
 
 def read_value(lib: ctypes.CDLL, family: str, handle: int) -> Value:

@@ -5,8 +5,8 @@ from __future__ import annotations
 import ctypes
 import ctypes.util
 import os
-from ctypes import CFUNCTYPE, POINTER, c_bool, c_char_p, c_double, c_int8, c_int32, c_int64
-from ctypes import c_uint64, c_void_p
+from ctypes import CFUNCTYPE, POINTER, Structure, c_bool, c_char_p, c_double, c_int8, c_int32
+from ctypes import c_int64, c_uint64, c_void_p
 
 ENVIRONMENT_VARIABLE = "KORVANE_LOGGING_LIBRARY"
 
@@ -17,9 +17,21 @@ _out_text = POINTER(c_char_p)
 _out_bytes = (POINTER(c_uint64), POINTER(c_void_p))
 _error = POINTER(c_void_p)
 
-# The callbacks of the enumerations: userData, then a new handle (or an entry id) by value.
+# The callback of the enumerations: userData, then a new handle by value.
 HandleCallback = CFUNCTYPE(None, c_void_p, c_void_p)
-EntryIdCallback = CFUNCTYPE(None, c_void_p, c_int32)
+
+
+
+class EntryColumns(Structure):
+    """KVX_EntryColumns: where KVX_ReadColumns writes entries. The arrays are addresses of
+    memory that the caller keeps alive for the call."""
+
+    _fields_ = [("capacity", c_int32), ("entry_ids", c_void_p), ("timestamps", c_void_p),
+                ("source_ids", c_void_p), ("types", c_void_p), ("offsets", c_void_p),
+                ("payloads", c_void_p), ("payload_capacity", c_uint64), ("count", c_int32),
+                ("payload_size", c_uint64), ("next_entry_id", c_int32),
+                ("next_payload_size", c_uint64)]
+
 
 _PROTOTYPES: dict[str, tuple[object, tuple[object, ...]]] = {
     "KV_LogError_GetErrorMessage": (None, (_handle, _out_text)),
@@ -29,6 +41,13 @@ _PROTOTYPES: dict[str, tuple[object, tuple[object, ...]]] = {
     "KV_LogConfig_SetCompressionLevel": (c_bool, (_handle, c_int8, _error)),
     "KV_LogFile_Create": (_handle, (c_char_p, _handle, _error)),
     "KV_LogFile_Open": (_handle, (c_char_p, _error)),
+    "KVX_OpenReadOnly": (_handle, (c_char_p, _error)),
+    "KVX_MeasureEntries": (c_bool, (_handle, c_int32, c_int32, _handle, POINTER(c_int32),
+                                    POINTER(c_uint64), _error)),
+    "KVX_ReadColumns": (c_bool, (_handle, c_int32, c_int32, _handle, POINTER(EntryColumns),
+                                 _error)),
+    "KVX_LogColumns": (c_bool, (_handle, c_int32, c_void_p, c_void_p, c_void_p, c_void_p,
+                                c_void_p, _error)),
     "KV_LogFile_Destroy": (None, (_handle,)),
     "KV_LogFile_AddDataSource": (c_bool, (_handle, _handle, _error)),
     "KV_LogFile_AddDataSourceProperty": (c_bool, (_handle, _handle, _error)),
@@ -49,12 +68,8 @@ _PROTOTYPES: dict[str, tuple[object, tuple[object, ...]]] = {
     "KV_LogFile_GetDataSources": (c_bool, (_handle, HandleCallback, c_void_p, _error)),
     "KV_LogFile_GetAllDataSourceProperties": (
         c_bool, (_handle, HandleCallback, c_void_p, _error)),
-    "KV_LogFile_GetEntryIndex": (
-        c_bool, (_handle, _handle, EntryIdCallback, c_void_p, _error)),
     "KV_LogFile_GetAllMetadata": (c_bool, (_handle, HandleCallback, c_void_p)),
     "KV_LogFile_GetBookmarks": (c_bool, (_handle, HandleCallback, c_void_p)),
-    "KV_LogFile_ReadEntries": (
-        c_bool, (_handle, c_int32, c_int32, _handle, c_int32, HandleCallback, c_void_p)),
     "KV_LogAlgorithms_Clone": (_handle, (_handle, c_char_p, _handle, _error)),
     "KV_LogAlgorithms_Slice": (_handle, (_handle, c_int32, c_int32, c_char_p, _handle, _error)),
     "KV_LogBookmark_Create": (_handle, (c_int32, c_char_p, c_char_p, c_char_p, c_uint64)),

@@ -3,8 +3,9 @@ workers of a `distributed.Client`.
 
 A task opens its file with `LogFile` on the worker that runs it and sends back only what the
 question needs, so a worker needs the library and the files at the same paths, and the client
-never reads a file. `summarize` and `bookmarks` give pandas DataFrames; `entries` gives a lazy
-`dask.bag.Bag`, whose partitions (one per file) stream their entries in chunks.
+never reads a file, and every file is opened read-only: nothing here changes what it reads.
+`summarize` and `bookmarks` give pandas DataFrames; `entries` gives a lazy `dask.bag.Bag`,
+whose partitions (one per file) stream their entries in chunks, or a lazy Dask DataFrame.
 """
 
 from __future__ import annotations
@@ -16,6 +17,7 @@ from typing import Any, Union
 try:
     import dask
     import dask.bag
+    import dask.dataframe
     import pandas
     from dask.base import tokenize
     from dask.highlevelgraph import HighLevelGraph
@@ -26,6 +28,8 @@ except ImportError as missing:  # pragma: no cover - depends on the machine
         "--system-site-packages to see them; elsewhere: pip install 'dask[bag]' distributed "
         "pandas".format(missing)) from missing
 
+from ._columns import Columns, read_chunks
+from ._reading import Selection
 from .errors import LogError
 from .logfile import LogFile
 
@@ -36,6 +40,9 @@ SUMMARY_COLUMNS = ["path", "entries", "first_timestamp", "last_timestamp", "sour
                    "error"]
 BOOKMARK_COLUMNS = ["file", "entry_id", "timestamp", "title", "comment", "payload"]
 ENTRY_FIELDS = ("file", "id", "timestamp", "source", "type", "data")
+# Each row of the DataFrame form of `entries`, and its types.
+FRAME_COLUMNS = {"file": "object", "id": "int32", "timestamp": "datetime64[ns, UTC]",
+                 "source": "object", "source_id": "int8", "type": "int32", "data": "object"}
 
 _WHOLE_NUMBERS = ["entries", "first_timestamp", "last_timestamp", "bookmarks", "bytes",
                   "file_size"]
@@ -48,8 +55,9 @@ def summarize(paths: Iterable[PathLike], client: Any = None) -> pandas.DataFrame
     earliest and latest entry time, ms since the Unix epoch); `sources` (the names of the data
     sources, by id); `bookmarks` (their number); `application` and `application_version` (from
     the metadata); `bytes` (the payload bytes of all entries, as recorded, before compression);
-    `file_size` (bytes on disk); `error`: None, or why the file could not be read, for a file
-    that is not a log file, is damaged or is missing. A file that fails never stops the others.
+    `file_size` (the bytes of the file's pages, which is its size after a clean close);
+    `error`: None, or why the file could not be read, for a file that is not a log file (an
+    empty one too), is damaged or is missing. A file that fails never stops the others.
     Without `client`, Dask's default scheduler runs the tasks (local processes for a bag).
     """
     rows = _compute(_paths(paths), _summary, client)
@@ -78,9 +86,10 @@ def bookmarks(paths: Iterable[PathLike], client: Any = None) -> pandas.DataFrame
 def entries(paths: Iterable[PathLike], *, types: Iterable[int] | None = None,
             sources: Iterable[str | int] | None = None,
             source_types: Iterable[int] | None = None, client: Any = None,
-            chunk: int = 1000) -> dask.bag.Bag:
+            chunk: int = 1000, frame: bool = False, payloads: bool = True) -> Any:
     """The selected entries of all files, as a lazy Dask bag of dicts with the keys `file`,
-    `id`, `timestamp`, `source` (its name), `type` and `data` (bytes).
+    `id`, `timestamp`, `source` (its name), `type` and `data` (bytes); with `frame`, as a lazy
+    Dask DataFrame.
 
     `types` (data types), `sources` (names, or ids) and `source_types` narrow the selection
     as `LogFile.read_entries` does; None or an empty list selects all. A bag has one partition
@@ -90,7 +99,14 @@ def entries(paths: Iterable[PathLike], *, types: Iterable[int] | None = None,
     entries read before the failure, none if it cannot be opened: `summarize` tells which
     files failed.
 
-    The bag is computed where `.compute()` sends it: the default Client if there is one, or
+    The DataFrame has one partition per file, read whole through `LogFile.to_pandas` when it
+    is computed, with the columns `file`, `id`, `timestamp` (datetime, UTC), `source` (name),
+    `source_id`, `type` and, unless `payloads=False`, `data` (bytes). A file that cannot be
+    read whole contributes no rows. Without payloads a partition holds 26 bytes an entry
+    plus pandas' own, which suits questions such as entries per source per minute:
+    `frame.groupby(["source", frame.timestamp.dt.floor("min")]).size()`.
+
+    The result is computed where `.compute()` sends it: the default Client if there is one, or
     `.compute(scheduler=client)`. When `client` is given, its workers are asked once here
     whether they can load the library, so that a worker without it fails now, not mid-job.
     """
@@ -98,6 +114,13 @@ def entries(paths: Iterable[PathLike], *, types: Iterable[int] | None = None,
     if client is not None:
         client.run(_load_library)
     paths = _paths(paths)
+    if frame:
+        meta = _empty_frame(payloads)
+        if not paths:
+            return dask.dataframe.from_pandas(meta, npartitions=1)
+        return dask.dataframe.from_map(_frame_of, paths, args=(selection, payloads), meta=meta,
+                                       label="korvane-entries",
+                                       token=tokenize(paths, selection, payloads))
     name = "korvane-entries-" + tokenize(paths, selection, chunk)
     # Each partition is the list of its file's entries; Dask's bag optimisation removes the
     # list where the next step consumes the entries one by one, so they stream in chunks.
@@ -140,24 +163,48 @@ def _failure(error: Exception) -> str:
     return error.message if isinstance(error, LogError) else f"{type(error).__name__}: {error}"
 
 
+def _file_size(path: str) -> int:
+    """The bytes of the pages that the database header counts, or the size on disk when the
+    header's count is not to be trusted (SQLite then goes by the size too)."""
+    with open(path, "rb") as file:
+        header = file.read(100)
+    page_size = int.from_bytes(header[16:18], "big") if len(header) == 100 else 0
+    pages = int.from_bytes(header[28:32], "big") if len(header) == 100 else 0
+    if page_size == 1:
+        page_size = 65536
+    if pages == 0 or header[92:96] != header[24:28]:
+        return os.path.getsize(path)
+    return pages * page_size
+
+
+def _totals(log: LogFile) -> tuple[int, int | None, int | None]:
+    """The payload bytes, earliest and latest time of every entry, each entry read whole."""
+    payload, earliest, latest = 0, None, None
+    bounds = log._bounds(-1, -1)
+    if bounds is None:
+        return payload, earliest, latest
+    with log._filter(Selection.of((), (), ())) as everything:
+        for columns in read_chunks(log._lib, log._live(), everything, *bounds,
+                                   Columns(1000), filtered=False):
+            times = columns.timestamps[:columns.count]
+            payload += columns.struct.payload_size
+            earliest = min(times) if earliest is None else min(earliest, min(times))
+            latest = max(times) if latest is None else max(latest, max(times))
+    return payload, earliest, latest
+
+
 def _summary(path: str) -> dict[str, Any]:
     row: dict[str, Any] = dict.fromkeys(SUMMARY_COLUMNS)
     row["path"] = path
     try:
-        with LogFile.open(path) as log:
+        with LogFile.open(path, read_only=True) as log:
             metadata = log.metadata
             row.update(entries=log.entry_count, sources=[source.name for source in log.sources],
                        bookmarks=len(log.bookmarks),
                        application=metadata.get("applicationName"),
                        application_version=metadata.get("applicationVersion"),
-                       file_size=os.path.getsize(path))
-            payload, earliest, latest = 0, None, None
-            for entry in log.iter_entries():
-                payload += len(entry.data)
-                if earliest is None or entry.timestamp < earliest:
-                    earliest = entry.timestamp
-                if latest is None or entry.timestamp > latest:
-                    latest = entry.timestamp
+                       file_size=_file_size(path))
+            payload, earliest, latest = _totals(log)
             row.update(bytes=payload, first_timestamp=earliest, last_timestamp=latest)
     except Exception as error:  # one file's failure is its row's, never the job's
         row["error"] = _failure(error)
@@ -167,7 +214,7 @@ def _summary(path: str) -> dict[str, Any]:
 def _bookmarks_of(path: str) -> tuple[str, list[dict[str, Any]], str | None]:
     found: list[dict[str, Any]] = []
     try:
-        with LogFile.open(path) as log:
+        with LogFile.open(path, read_only=True) as log:
             for bookmark in log.bookmarks:
                 found.append({"file": path, "entry_id": bookmark.entry_id,
                               "timestamp": log.read_entry(bookmark.entry_id).timestamp,
@@ -178,14 +225,21 @@ def _bookmarks_of(path: str) -> tuple[str, list[dict[str, Any]], str | None]:
     return path, found, None
 
 
+def _wanted_sources(log: LogFile, sources: Any) -> tuple[dict[int, str], list[int] | None]:
+    """The file's source names by id, and the ids that `sources` (names or ids) selects:
+    None when it selects none of them."""
+    names = {source.id: source.name for source in log.sources}
+    wanted = [source_id for source_id, name in names.items()
+              if name in sources or source_id in sources] if sources else []
+    return names, (None if sources and not wanted else wanted)
+
+
 def _entries_of(path: str, selection: tuple[Any, Any, Any], chunk: int) -> Iterator[dict]:
     types, sources, source_types = selection
     try:
-        with LogFile.open(path) as log:
-            names = {source.id: source.name for source in log.sources}
-            wanted = [source_id for source_id, name in names.items()
-                      if name in sources or source_id in sources] if sources else []
-            if sources and not wanted:
+        with LogFile.open(path, read_only=True) as log:
+            names, wanted = _wanted_sources(log, sources)
+            if wanted is None:
                 return  # none of the named sources is in this file
             for entry in log.iter_entries(types=types or (), sources=wanted,
                                           source_types=source_types or (), chunk=chunk):
@@ -194,3 +248,25 @@ def _entries_of(path: str, selection: tuple[Any, Any, Any], chunk: int) -> Itera
                        "data": entry.data}
     except Exception:  # a file that fails ends its own partition, never the job
         return
+
+
+def _empty_frame(payloads: bool) -> pandas.DataFrame:
+    return pandas.DataFrame({name: pandas.Series(dtype=kind) for name, kind in
+                             FRAME_COLUMNS.items() if payloads or name != "data"})
+
+
+def _frame_of(path: str, selection: tuple[Any, Any, Any], payloads: bool) -> pandas.DataFrame:
+    types, sources, source_types = selection
+    try:
+        with LogFile.open(path, read_only=True) as log:
+            names, wanted = _wanted_sources(log, sources)
+            if wanted is None:
+                return _empty_frame(payloads)
+            frame = log.to_pandas(types=types or (), sources=wanted,
+                                  source_types=source_types or (), payloads=payloads)
+    except Exception:  # a file that fails has no rows, never fails the job
+        return _empty_frame(payloads)
+    frame.insert(0, "file", path)
+    # Categories of names differ from file to file; plain names concatenate.
+    frame["source"] = frame["source"].astype(object)
+    return frame

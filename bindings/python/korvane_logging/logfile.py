@@ -3,23 +3,27 @@
 from __future__ import annotations
 
 import ctypes
+import operator
 import os
+import sqlite3
 import time
 import weakref
-from array import array
-from bisect import bisect_left, bisect_right
-from collections.abc import Callable, Iterable, Iterator, Sequence
-from contextlib import contextmanager
-from ctypes import byref, c_int8, c_int32, c_void_p
+from collections.abc import Iterable, Iterator, Sequence
+from contextlib import closing, contextmanager
+from ctypes import byref, c_int8, c_int32, c_int64, c_void_p
 from functools import partial
-from itertools import islice
+from itertools import chain, islice
+from pathlib import Path
 from types import TracebackType
-from typing import Union
+from typing import Any, Union
 
-from ._calls import Value, blob, checked, collect, collect_ids, encode, fixed, make_value
+from ._arrays import EntryArrays, read_arrays
+from ._arrays import to_pandas as frame_of
+from ._calls import Value, blob, bytes_of, checked, collect, encode, fixed, make_value
 from ._calls import number_of, owned, read_value
+from ._columns import CHUNK_ROWS, Batch, Columns, measure, read_chunks, transpose
 from ._library import library
-from ._reading import DEFAULT_CHUNK, ChunkSize, Selection
+from ._reading import Selection
 from .errors import LogError, NotFoundError
 from .records import Bookmark, Entry, Property, Source
 from .views import Metadata, Resources
@@ -48,8 +52,44 @@ def _config(lib: ctypes.CDLL, app_name: str, app_version: str, time_zone: str,
         yield config
 
 
+# What every SQLite database file starts with; a log file that no longer does was replaced.
+_DATABASE_MAGIC = b"SQLite format 3\0"
+
+
+def _is_empty(path: bytes) -> bool:
+    try:
+        return os.stat(path).st_size == 0
+    except OSError:
+        return False
+
+
 def _source_id(source: SourceRef) -> int:
     return fixed(source.id if isinstance(source, Source) else source, 8, "source id")
+
+
+def _selection(types: Iterable[int], sources: Iterable[SourceRef],
+               source_types: Iterable[int]) -> Selection:
+    return Selection.of(types, map(_source_id, sources), source_types)
+
+
+def _chunk(chunk: int) -> int:
+    chunk = operator.index(chunk)
+    if chunk < 1:
+        raise ValueError(f"a chunk holds at least one entry, not {chunk}")
+    return chunk
+
+
+def _sequence(values: Any) -> Any:
+    """`values` as something with a length; buffers and sequences stay as they are."""
+    return values if hasattr(values, "__len__") else list(values)
+
+
+def _entry_fields(lib: ctypes.CDLL, handle: int) -> tuple[int, int, int, bytes]:
+    """All fields of an entry record but the id, which an entry handle does not give."""
+    return (number_of(lib.KV_LogDataEntry_GetDataSourceId, handle, c_int8),
+            number_of(lib.KV_LogDataEntry_GetType, handle, c_int32),
+            number_of(lib.KV_LogDataEntry_GetTimestamp, handle, c_int64),
+            bytes_of(lib.KV_LogDataEntry_GetData, handle))
 
 
 class LogFile:
@@ -90,10 +130,21 @@ class LogFile:
         return cls(lib, handle, path)
 
     @classmethod
-    def open(cls, path: PathLike) -> LogFile:
-        """Opens the existing log file at `path`."""
+    def open(cls, path: PathLike, read_only: bool = False) -> LogFile:
+        """Opens the existing log file at `path`.
+
+        With `read_only`, nothing is ever written to the file, and metadata, resources and
+        bookmarks are refused too. Either way an empty file is refused as no log file.
+        """
         lib = library()
-        return cls(lib, checked(lib, "KV_LogFile_Open", os.fsencode(path)), path)
+        encoded = os.fsencode(path)
+        if read_only:
+            return cls(lib, checked(lib, "KVX_OpenReadOnly", encoded), path)
+        if _is_empty(encoded):
+            # The read-only open refuses an empty file in the library's words; should the file
+            # have been filled meanwhile, it is opened as asked.
+            lib.KV_LogFile_Destroy(checked(lib, "KVX_OpenReadOnly", encoded))
+        return cls(lib, checked(lib, "KV_LogFile_Open", encoded), path)
 
     def close(self) -> None:
         """Closes the file. Closing again does nothing; records read from it stay usable."""
@@ -221,13 +272,45 @@ class LogFile:
                 lib.KV_LogDataEntry_SetTimestamp(entry, fixed(timestamp, 64, "timestamp"))
             checked(lib, "KV_LogFile_LogData", file, entry)
 
+    def log_many(self, entries: Iterable[Sequence[Any]] | None = None, *,
+                 sources: Any = None, types: Any = None, payloads: Any = None,
+                 timestamps: Any = None, offsets: Any = None) -> None:
+        """Logs many entries in one transaction: all of them, or none when one fails, with the
+        message that `log` gives for the first that fails.
+
+        Give either `entries`, tuples of (source, type, data) or (source, type, data,
+        timestamp), or columns of equal length: `sources` (records or ids), `types`,
+        `payloads` (bytes each) and `timestamps` (omitted: the present time for all). With
+        `offsets`, `payloads` is one buffer and entry i's bytes are
+        payloads[offsets[i]:offsets[i + 1]], as `read_arrays` gives them. Columns may be
+        lists, `array.array`s or NumPy arrays; those of the right width are used as they are.
+        A timestamp left out or None is the present time.
+        """
+        lib, file = self._lib, self._live()
+        now = time.time_ns() // 1_000_000
+        if entries is not None:
+            if any(column is not None for column in (sources, types, payloads, timestamps,
+                                                       offsets)):
+                raise TypeError("give log_many either entries or columns, not both")
+            sources, types, payloads, timestamps = transpose(entries, now)
+        elif sources is None or types is None or payloads is None:
+            raise TypeError("log_many needs entries, or the columns sources, types and payloads")
+        else:
+            sources, types = _sequence(sources), _sequence(types)
+            if offsets is None:
+                payloads = _sequence(payloads)
+            timestamps = [now] * len(types) if timestamps is None else _sequence(timestamps)
+            if isinstance(timestamps, (list, tuple)) and None in timestamps:
+                timestamps = [now if stamp is None else stamp for stamp in timestamps]
+        Batch(sources, types, timestamps, payloads, offsets).log(lib, file)
+
     def read_entry(self, entry_id: int) -> Entry:
         """The entry `entry_id`; NotFoundError when there is none."""
         lib, out = self._lib, c_void_p()
         checked(lib, "KV_LogFile_ReadEntry", self._live(), fixed(entry_id, 32, "entry id"),
                 byref(out), kind=NotFoundError)
         with owned(lib, out.value, "KV_LogDataEntry") as entry:
-            return Entry(entry_id, *Entry._fields_of(lib, entry))
+            return Entry(entry_id, *_entry_fields(lib, entry))
 
     def read_entries(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
                      sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
@@ -242,73 +325,147 @@ class LogFile:
         limit = fixed(limit, 32, "limit")
         if limit < 0:
             return list(self.iter_entries(first, last, types, sources, source_types))
-        chunk = max(1, min(limit, DEFAULT_CHUNK))
+        chunk = max(1, min(limit, CHUNK_ROWS))
         return list(islice(self.iter_entries(first, last, types, sources, source_types,
                                               chunk=chunk), limit))
 
     def iter_entries(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
                      sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
-                     chunk: int = DEFAULT_CHUNK) -> Iterator[Entry]:
+                     chunk: int = CHUNK_ROWS) -> Iterator[Entry]:
         """The entries that `read_entries` selects, read as they are consumed.
 
-        Each call into the library reads at most `chunk` entries, and fewer when they are big
-        (about 8 MiB of payload), so memory stays bounded and a recorder in another process
-        waits for one short read at a time. The range is fixed by this call: entries recorded
-        later are not included. LogError when entries of the range cannot be read.
+        Each call into the library reads at most `chunk` entries and about 8 MiB of payload
+        (one entry, if it is bigger), and a filtered call looks at no more than 16 times
+        `chunk` ids, so memory stays bounded and a recorder in another process waits for one
+        short read at a time. The range is fixed by this call: entries recorded later are not
+        included. LogError when entries of the range cannot be read, after those before them.
         """
-        sizes = ChunkSize(chunk)
-        selection = Selection.of(types, map(_source_id, sources), source_types)
+        columns = Columns(_chunk(chunk))
+        selection = _selection(types, sources, source_types)
         bounds = self._bounds(fixed(first, 32, "entry id"), fixed(last, 32, "entry id"))
         if bounds is None:
             return iter(())
-        if selection:
-            return self._listed_entries(*bounds, selection, sizes)
-        return self._spans(*bounds, sizes, lambda entry: True)
+        # The entries of a chunk are handed on by `chain`, without a step of Python each.
+        return chain.from_iterable(self._chunks(*bounds, selection, columns))
+
+    def _chunks(self, first: int, last: int, selection: Selection,
+                columns: Columns) -> Iterator[list[Entry]]:
+        with self._filter(selection) as chosen:
+            for filled in read_chunks(self._lib, self._live(), chosen, first, last, columns,
+                                      bool(selection)):
+                yield filled.entries()
+
+    def read_arrays(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
+                    sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
+                    payloads: bool = True) -> EntryArrays:
+        """The entries that `read_entries` selects as NumPy arrays, without a Python object per
+        entry: `ids` (int32), `timestamps` (int64, ms), `source_ids` (int8), `types` (int32),
+        `offsets` (uint64, one more than the entries) and `payloads` (uint8, every payload
+        one after the other: entry i's are payloads[offsets[i]:offsets[i + 1]]).
+
+        The selection is counted and measured first, so each array is allocated once at its
+        size; then it is read in calls of at most 16384 entries and 16 MiB. With
+        `payloads=False` no payload is read: `offsets` are zeros and `payloads` is empty.
+        ImportError without NumPy.
+        """
+        selection = _selection(types, sources, source_types)
+        bounds = self._bounds(fixed(first, 32, "entry id"), fixed(last, 32, "entry id"))
+        with self._filter(selection) as chosen:
+            return read_arrays(self._lib, self._live(), chosen, *(bounds or (1, 0)),
+                               bool(selection), payloads)
+
+    def to_pandas(self, first: int = -1, last: int = -1, types: Iterable[int] = (),
+                  sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
+                  payloads: bool = True, tz: Any = "UTC") -> Any:
+        """The entries that `read_entries` selects as a pandas DataFrame, a row per entry:
+        `id`, `timestamp` (time zone aware, in `tz`), `source` (the source's name, a
+        categorical), `source_id`, `type` and, unless `payloads=False`, `data` (bytes).
+        ImportError without NumPy and pandas.
+        """
+        arrays = self.read_arrays(first, last, types, sources, source_types, payloads)
+        return frame_of(arrays, {source.id: source.name for source in self.sources}, payloads,
+                        tz)
 
     def follow(self, first: int | None = None, types: Iterable[int] = (),
                sources: Iterable[SourceRef] = (), source_types: Iterable[int] = (),
                interval: float = 0.1, idle_timeout: float | None = None,
-               chunk: int = DEFAULT_CHUNK) -> Iterator[Entry]:
+               chunk: int = CHUNK_ROWS) -> Iterator[Entry]:
         """The entries that are recorded into the file from now on, as they arrive.
 
-        Another process records; this one opened the file. The entries come by ascending id,
-        filtered as in `read_entries`: by default those recorded after this call, or from the
-        entry `first` on when it is given, the ones already there first. Every `interval`
-        seconds the file is asked for its last entry id, and new entries are read in chunks as
-        in `iter_entries`. The iteration runs until the caller stops it, or until no entry has
+        Another process records; this one opened the file (read-only is enough:
+        `LogFile.open(path, read_only=True)`). The entries come by ascending id, filtered as
+        in `read_entries`: by default those recorded after this call, or from the entry
+        `first` on when it is given, the ones already there first. Every `interval` seconds
+        the file is asked for its last entry id, and new entries are read in chunks as in
+        `iter_entries`. The iteration runs until the caller stops it, or until no entry has
         arrived for `idle_timeout` seconds when that is given. LogError when the file at the
-        path has been removed or replaced by another file.
+        path is removed or replaced by another one: a new file, another file copied over it,
+        a truncation, or ids that go back.
         """
         if interval < 0 or (idle_timeout is not None and idle_timeout < 0):
             raise ValueError("interval and idle_timeout cannot be negative")
-        sizes = ChunkSize(chunk)
-        selection = Selection.of(types, map(_source_id, sources), source_types)
+        columns = Columns(_chunk(chunk))
+        selection = _selection(types, sources, source_types)
+        created = self._creation()
         start = (self.last_entry_id or 0) + 1 if first is None else fixed(first, 32, "entry id")
-        return self._follow(start, selection.matcher(lambda: self.sources), sizes, interval,
-                            idle_timeout)
+        return self._follow(start, selection, columns, interval, idle_timeout, created)
 
-    def _follow(self, start: int, matches: Callable[[Entry], bool], sizes: ChunkSize,
-                interval: float, idle_timeout: float | None) -> Iterator[Entry]:
-        quiet_since = time.monotonic()
+    def _follow(self, start: int, selection: Selection, columns: Columns, interval: float,
+                idle_timeout: float | None, created: Value | None) -> Iterator[Entry]:
+        quiet_since, seen = time.monotonic(), start - 1
         while True:
-            last = self.last_entry_id
+            self._check_identity(created)
+            last = self._last_id_or_replaced()
+            if last is not None and last < seen:
+                raise self._replaced()
             if last is not None and last >= start:
-                yield from self._spans(start, last, sizes, matches)
-                start, quiet_since = last + 1, time.monotonic()
+                with self._filter(selection) as chosen:
+                    for filled in read_chunks(self._lib, self._live(), chosen, start, last,
+                                              columns, bool(selection)):
+                        entries = filled.entries()
+                        # What was read must come from the file that was followed.
+                        self._check_identity(created)
+                        yield from entries
+                start, seen, quiet_since = last + 1, last, time.monotonic()
                 continue
-            self._check_identity()
             if idle_timeout is not None and time.monotonic() - quiet_since >= idle_timeout:
                 return
             time.sleep(interval)
 
-    def _check_identity(self) -> None:
-        """Raises LogError when the path no longer names the file that was opened."""
+    def _replaced(self) -> LogError:
+        return LogError(f"The log file {self._path} has been replaced by another file.")
+
+    def _last_id_or_replaced(self) -> int | None:
+        try:
+            return self.last_entry_id
+        except LogError:  # a file that lost its tables was truncated or replaced
+            raise self._replaced() from None
+
+    def _creation(self) -> Value | None:
+        """The creation time in the metadata of the file at the path, which tells one recording
+        from another; None when there is none. It is read on a connection of its own: the
+        library's may still hold pages of a file that another was copied over."""
+        try:
+            with closing(sqlite3.connect(Path(self._location).as_uri() + "?mode=ro",
+                                         uri=True)) as connection:
+                found = connection.execute("SELECT value FROM metadata WHERE key = ?",
+                                           ("createdDateTime",)).fetchone()
+        except sqlite3.Error:
+            return None
+        return None if found is None else found[0]
+
+    def _check_identity(self, created: Value | None) -> None:
+        """Raises LogError when the path no longer holds the recording that was opened: a
+        removed file, another file, one truncated, or another recording copied over it."""
         try:
             now = os.stat(self._location)
+            with open(self._location, "rb") as file:
+                header = file.read(len(_DATABASE_MAGIC))
         except FileNotFoundError:
             raise LogError(f"The log file {self._path} has been removed.") from None
-        if (now.st_dev, now.st_ino) != self._identity:
-            raise LogError(f"The log file {self._path} has been replaced by another file.")
+        if (now.st_dev, now.st_ino) != self._identity or header != _DATABASE_MAGIC \
+                or self._creation() != created:
+            raise self._replaced()
 
     def _bounds(self, first: int, last: int) -> tuple[int, int] | None:
         """The ids to read, narrowed to the file's; None when no entry can be in the range."""
@@ -319,66 +476,16 @@ class LogFile:
         last = highest if last == -1 else min(last, highest)
         return (first, last) if first <= last else None
 
-    def _spans(self, first: int, last: int, sizes: ChunkSize,
-               matches: Callable[[Entry], bool]) -> Iterator[Entry]:
-        """The entries from `first` to `last` that `matches` accepts, read span by span.
-
-        Ids only grow and none is deleted, so a span that comes back whole holds every id in
-        it; where ids are missing, the file's index names the ones there are.
-        """
-        index: array[int] | None = None
-        while first <= last:
-            end = min(last, first + sizes.size - 1)
-            fields = self._read_fields(first, end, Selection.of((), (), ()))
-            ids: Sequence[int] = range(first, end + 1)
-            if len(fields) != len(ids):
-                if index is None:
-                    with self._filter(Selection.of((), (), ())) as everything:
-                        index = collect_ids(self._lib, "KV_LogFile_GetEntryIndex",
-                                            self._live(), everything)
-                ids = index[bisect_left(index, first):bisect_right(index, end)]
-            entries = self._entries_of(ids, fields, first, end)
-            sizes.update(entries)
-            yield from filter(matches, entries)
-            first = end + 1
-
-    def _listed_entries(self, first: int, last: int, selection: Selection,
-                        sizes: ChunkSize) -> Iterator[Entry]:
-        """The selected entries from `first` to `last`, read in chunks of the ids that the
-        file's index lists for the selection."""
-        with self._filter(selection) as listed:
-            index = collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), listed)
-        at, stop = bisect_left(index, first), bisect_right(index, last)
-        while at < stop:
-            ids = index[at:min(stop, at + sizes.size)]
-            entries = self._entries_of(ids, self._read_fields(ids[0], ids[-1], selection),
-                                       ids[0], ids[-1])
-            sizes.update(entries)
-            yield from entries
-            at += len(ids)
-
-    def _read_fields(self, first: int, last: int,
-                     selection: Selection) -> list[tuple[int, int, int, bytes]]:
-        """One library call: the fields of the selected entries from `first` to `last`."""
-        lib = self._lib
-        with self._filter(selection) as chosen:
-            return collect(lib, "KV_LogFile_ReadEntries", self._live(), first, last, chosen, -1,
-                           family="KV_LogDataEntry", convert=partial(Entry._fields_of, lib))
-
-    @staticmethod
-    def _entries_of(ids: Sequence[int], fields: list[tuple[int, int, int, bytes]], first: int,
-                    last: int) -> list[Entry]:
-        """Entries from their ids and the fields read for them; entry records carry no id."""
-        if len(ids) != len(fields):
-            raise LogError(f"The entries from {first} to {last} could not all be read.")
-        return [Entry(entry_id, *values) for entry_id, values in zip(ids, fields)]
-
     def entry_index(self, types: Iterable[int] = (), sources: Iterable[SourceRef] = (),
                     source_types: Iterable[int] = ()) -> list[int]:
         """The ids of the entries that the filter selects (see `read_entries`), ascending."""
-        selection = Selection.of(types, map(_source_id, sources), source_types)
-        with self._filter(selection) as chosen:
-            return list(collect_ids(self._lib, "KV_LogFile_GetEntryIndex", self._live(), chosen))
+        lib, file = self._lib, self._live()
+        with self._filter(_selection(types, sources, source_types)) as chosen:
+            count, _ = measure(lib, file, chosen, -1, -1, payloads=False)
+            columns = Columns(count, payloads=False)
+            for _ in read_chunks(lib, file, chosen, -2**31, 2**31 - 1, columns, filtered=False):
+                break
+        return columns.ids[:columns.count].tolist()
 
     @property
     def entry_count(self) -> int:
@@ -425,7 +532,7 @@ class LogFile:
     @property
     def metadata(self) -> Metadata:
         """A read-only mapping of the metadata: key to int, float or str."""
-        return Metadata(self)
+        return Metadata(self._lib, self._live, self._location)
 
     def add_metadata(self, key: str, value: Value) -> None:
         """Adds metadata `key` with an int, float or str value; an existing key is refused."""
@@ -438,7 +545,7 @@ class LogFile:
     @property
     def resources(self) -> Resources:
         """A read-only mapping of the resources: name to bytes."""
-        return Resources(self)
+        return Resources(self._lib, self._live, self._location)
 
     def add_resource(self, name: str, data: bytes) -> None:
         """Adds the resource `name`; an existing name is refused."""

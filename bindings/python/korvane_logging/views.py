@@ -3,17 +3,14 @@
 from __future__ import annotations
 
 import sqlite3
-from collections.abc import Iterator, Mapping
+import ctypes
+from collections.abc import Callable, Iterator, Mapping
 from contextlib import closing
 from ctypes import byref, c_void_p
 from pathlib import Path
-from typing import TYPE_CHECKING
 
 from ._calls import Value, bytes_of, checked, decode, encode, owned, read_value
 from .errors import LogError, NotFoundError
-
-if TYPE_CHECKING:
-    from .logfile import LogFile
 
 
 def _names(location: str, statement: str) -> list[str]:
@@ -34,20 +31,21 @@ def _names(location: str, statement: str) -> list[str]:
 
 
 class _View:
-    """What both views share: the log file, and names listed from it."""
+    """What both views share: the library, the file's handle (`live` gives it, or raises once
+    the file is closed), its location, and names listed from it."""
 
     _statement = ""
 
-    def __init__(self, log: LogFile) -> None:
-        self._log = log
+    def __init__(self, lib: ctypes.CDLL, live: Callable[[], int], location: str) -> None:
+        self._lib, self._live, self._location = lib, live, location
 
     def __iter__(self) -> Iterator[str]:
-        self._log._live()
-        return iter(_names(self._log._location, self._statement))
+        self._live()
+        return iter(_names(self._location, self._statement))
 
     def __len__(self) -> int:
-        self._log._live()
-        return len(_names(self._log._location, self._statement))
+        self._live()
+        return len(_names(self._location, self._statement))
 
     def __repr__(self) -> str:
         return f"{type(self).__name__}({dict(self)!r})"
@@ -59,8 +57,8 @@ class Metadata(_View, Mapping[str, Value]):
     _statement = "SELECT key FROM metadata"
 
     def __getitem__(self, key: str) -> Value:
-        lib, out = self._log._lib, c_void_p()
-        checked(lib, "KV_LogFile_GetMetadata", self._log._live(), encode(key), byref(out),
+        lib, out = self._lib, c_void_p()
+        checked(lib, "KV_LogFile_GetMetadata", self._live(), encode(key), byref(out),
                 kind=NotFoundError)
         with owned(lib, out.value, "KV_LogMetadata") as metadata:
             return read_value(lib, "KV_LogMetadata", metadata)
@@ -72,8 +70,8 @@ class Resources(_View, Mapping[str, bytes]):
     _statement = "SELECT name FROM resources"
 
     def __getitem__(self, name: str) -> bytes:
-        lib, out = self._log._lib, c_void_p()
-        checked(lib, "KV_LogFile_GetResource", self._log._live(), encode(name), byref(out),
+        lib, out = self._lib, c_void_p()
+        checked(lib, "KV_LogFile_GetResource", self._live(), encode(name), byref(out),
                 kind=NotFoundError)
         with owned(lib, out.value, "KV_LogResource") as resource:
             return bytes_of(lib.KV_LogResource_GetData, resource)

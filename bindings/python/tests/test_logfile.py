@@ -2,19 +2,22 @@
 
 import dataclasses
 import gc
+import itertools
 import os
 import shutil
 import sqlite3
+import sys
 import threading
 import time
+from array import array
 from contextlib import closing
-from itertools import islice
+from itertools import accumulate, islice
 from types import SimpleNamespace
 
 import pytest
 
 import korvane_logging as kl
-from korvane_logging._reading import CHUNK_BYTES, ChunkSize
+from korvane_logging._columns import CHUNK_BYTES, Columns
 
 CAMERA_TYPE, LIDAR_TYPE, ENTRY_COUNT = 7, 9, 60
 
@@ -111,29 +114,35 @@ def test_reads_give_what_was_logged(log, recording, selection):
                 [entries[i - 1] for i in (1, 31, 60)], 60, 1, 60, [("camera", 7), ("lidar", 9)])
 
 
-# Ids missing from a file (written elsewhere) make the reader consult the index.
+# Ids missing from a file (written elsewhere) are simply not there to read.
 @pytest.mark.parametrize("missing", [(), (1, 8, 9, 10, 11, 12, 13, 14, 15, 33, ENTRY_COUNT)])
 def test_iteration_reads_a_few_entries_at_a_time(recording, missing, tmp_path, monkeypatch):
     shutil.copy(recording.path, tmp_path / "copy.log")
     with closing(sqlite3.connect(tmp_path / "copy.log")) as database, database:
         database.executemany("DELETE FROM data WHERE entryId = ?", [(i,) for i in missing])
     kept, sizes = [e for e in recording.entries if e.id not in missing], []
-    chunk = kl.LogFile._entries_of
-    monkeypatch.setattr(kl.LogFile, "_entries_of", staticmethod(  # the entries of each read
-        lambda ids, *rest: sizes.append(len(ids)) or chunk(ids, *rest)))
+    chunk = Columns.entries
+    monkeypatch.setattr(Columns, "entries", lambda self: sizes.append(self.count) or chunk(self))
     with kl.LogFile.open(tmp_path / "copy.log") as log:
-        for selection in SELECTIONS:
-            assert list(log.iter_entries(first=3, chunk=7, **named(log, selection))) == expected(
-                kept, first=3, **selection)
+        for selection, size in itertools.product(SELECTIONS, (1, 7)):  # a filter looks at
+            assert list(log.iter_entries(first=3, chunk=size, **named(  # 16 ids per entry
+                log, selection))) == expected(kept, first=3, **selection)
     assert max(sizes) == 7
 
 
-def test_a_chunk_of_big_entries_holds_what_fits_in_its_bytes():
-    sizes = ChunkSize(1000)
-    sizes.update([kl.Entry(1, 0, 0, 0, bytes(CHUNK_BYTES // 4))] * 2)
-    assert sizes.size == 4
-    sizes.update([kl.Entry(1, 0, 0, 0, b"x")] * 3)
-    assert sizes.size == 1000
+def test_a_chunk_of_big_entries_holds_what_fits_in_its_bytes(tmp_path, monkeypatch):
+    chunks, chunk = [], Columns.entries
+    monkeypatch.setattr(Columns, "entries", lambda self: chunks.append(
+        (self.count, self.struct.payload_size)) or chunk(self))
+    sizes = [n * CHUNK_BYTES // 16 for n in range(1, 20)] + [CHUNK_BYTES + 1] * 2
+    with kl.LogFile.create(tmp_path / "big.log", "app", "1", level=0) as log:
+        source = log.add_source("s", 1)
+        log.log_many([(source, 0, bytes([size % 251]) * size) for size in sizes])
+        assert [(len(e.data), e.data[:1]) for e in log.iter_entries(first=2)] == [
+            (size, bytes([size % 251])) for size in sizes[1:]]
+    # The room grows to CHUNK_BYTES; only an entry bigger than that has a call of its own.
+    assert all(size <= CHUNK_BYTES or count == 1 for count, size in chunks)
+    assert max(count for count, _ in chunks) > 1 and len(chunks) < len(sizes)
 
 
 VALUES = [0, -5, 2**63 - 1, -2**63, 2**40, 3.0, -0.25, "", "12", "grüße", "tab\tand\nline"]
@@ -249,7 +258,7 @@ def test_repeated_use_does_not_grow_memory_or_descriptors(tmp_path):
             descriptors, True, b"kept")
 
 
-def test_follow_sees_every_new_entry_in_order_until_the_file_is_replaced(tmp_path):
+def test_follow_sees_every_new_entry_in_order(tmp_path):
     path = tmp_path / "live.log"
     with kl.LogFile.create(path, "recorder", "1", level=1) as writer:
         sources = [writer.add_source("even", 1), writer.add_source("odd", 2)]
@@ -259,16 +268,164 @@ def test_follow_sees_every_new_entry_in_order_until_the_file_is_replaced(tmp_pat
                 writer.log(sources[i % 2], i % 3, b"entry %d" % i, timestamp=1000 + i)
 
         write(range(20))
-        with kl.LogFile.open(path) as log:
+        with kl.LogFile.open(path, read_only=True) as log:
             fresh = log.follow(interval=0.002, idle_timeout=60)
             odd = log.follow(first=1, source_types=[2], interval=0.002, idle_timeout=60)
             (recorder := threading.Thread(target=write, args=(range(20, 320),))).start()
             seen, seen_odd = list(islice(fresh, 300)), list(islice(odd, 160))
             recorder.join()
             assert list(log.follow(idle_timeout=0)) == []
-            (tmp_path / "other").write_bytes(b"another file")
-            os.replace(tmp_path / "other", path)
-            with pytest.raises(kl.LogError, match="replaced"):
-                next(fresh)
     assert [(e.id, e.data) for e in seen] == [(i + 1, b"entry %d" % i) for i in range(20, 320)]
     assert [(e.id, e.type) for e in seen_odd] == [(i + 1, i % 3) for i in range(1, 320, 2)]
+
+
+def cut_back(path, _other):
+    with closing(sqlite3.connect(path)) as database, database:
+        database.execute("DELETE FROM data WHERE entryId > 30")
+
+
+# How the followed file goes: each ends the following with LogError, and no entry of another
+# file is ever delivered.
+REPLACEMENTS = {"removed": (lambda path, other: os.remove(path), "removed"),
+                "a new file": (lambda path, other: os.replace(other, path), "replaced"),
+                "a copy over it": (lambda path, other: shutil.copyfile(other, path), "replaced"),
+                "a truncation": (lambda path, other: os.truncate(path, 0), "replaced"),
+                "ids that go back": (cut_back, "replaced")}
+
+
+@pytest.mark.parametrize("replace, outcome", REPLACEMENTS.values(), ids=REPLACEMENTS.keys())
+def test_follow_ends_when_the_file_is_replaced(tmp_path, replace, outcome):
+    paths = [tmp_path / "followed.log", tmp_path / "other.log"]
+    for path, count in zip(paths, (50, 63)):
+        time.sleep(0.002)  # the files' creation times differ
+        with kl.LogFile.create(path, "recorder", "1", level=0) as log:
+            log.log_many([(log.add_source("s", 1), 0, b"%s %d" % (path.name.encode(), i), i)
+                          for i in range(count)])
+    with kl.LogFile.open(paths[0], read_only=True) as log:
+        following = log.follow(first=1, interval=0.001)
+        assert [e.data for e in islice(following, 50)] == [b"followed.log %d" % i
+                                                           for i in range(50)]
+        replace(paths[0], paths[1])
+        with pytest.raises(kl.LogError, match=f"^The log file .* has been {outcome}"):
+            next(following)
+
+
+@pytest.mark.parametrize("level", [0, 3])
+def test_log_many_writes_what_log_writes(tmp_path, level):
+    rows = [(1 + i % 2, i % 5 - 2, bytes([i % 256]) * (i % 7), 10**12 + 3 * i) for i in range(300)]
+    paths = [tmp_path / f"{form}.log" for form in ("one by one", "entries", "columns", "arrays")]
+    for path in paths:
+        with kl.LogFile.create(path, "app", "1", level=level) as log:
+            sources = [log.add_source("a", 1), log.add_source("b", 2)]
+            if path.stem == "one by one":
+                for source, kind, data, stamp in rows:
+                    log.log(source, kind, data, timestamp=stamp)
+            elif path.stem == "entries":  # records, and no timestamp for the first 100
+                log.log_many((sources[r[0] - 1], *r[1:3]) + ((r[3],) if i >= 100 else ())
+                             for i, r in enumerate(rows))
+            else:
+                columns = [list(column) for column in zip(*rows)]
+                if path.stem == "arrays":  # one buffer and its offsets
+                    columns = [array("b", columns[0]), array("i", columns[1]),
+                               b"".join(columns[2]), array("q", columns[3])]
+                else:  # and no timestamp for the first 100
+                    columns[3][:100] = [None] * 100
+                    offsets = array("Q", [0] + list(accumulate(map(len, (r[2] for r in rows)))))
+                log.log_many(sources=columns[0], types=columns[1], payloads=columns[2],
+                             timestamps=columns[3],
+                             **({"offsets": offsets} if path.stem == "arrays" else {}))
+    with kl.LogFile.open(paths[0]) as one_by_one:
+        logged = one_by_one.read_entries()
+    for path in paths[1:]:
+        with kl.LogFile.open(path) as log:
+            entries = log.read_entries()
+        if path.stem != "arrays":
+            assert all(time.time() * 1000 - e.timestamp < 60_000 for e in entries[:100])
+            entries[:100] = [e._replace(timestamp=w.timestamp)
+                             for e, w in zip(entries[:100], logged)]
+        assert entries == logged, path.stem
+
+
+def test_log_many_writes_all_or_nothing(tmp_path):
+    with kl.LogFile.create(tmp_path / "batch.log", "app", "1") as log:
+        source = log.add_source("s", 1)
+        log.log(source, 0, b"first")
+        with pytest.raises(kl.LogError) as alone:
+            log.log(7, 0, b"nobody")
+        for bad in [[(source, 0, b"ok")] * 50 + [(7, 0, b"nobody")] + [(source, 0, b"ok")] * 50,
+                    {"sources": [1, 1, 7], "types": [0] * 3, "payloads": [b"a"] * 3}]:
+            with pytest.raises(kl.LogError) as failed:
+                log.log_many(bad) if isinstance(bad, list) else log.log_many(**bad)
+            assert (str(failed.value), log.entry_count) == (str(alone.value), 1)
+        log.log_many([(source, 1, b"next")])
+        assert [e.id for e in log.read_entries()] == [1, 2]
+        for wrong, error in [({"sources": [1], "types": [0, 0], "payloads": [b"", b""]},
+                              ValueError), ({"sources": [1], "types": [0]}, TypeError),
+                             ({"sources": [200], "types": [0], "payloads": [b""]},
+                              OverflowError)]:
+            with pytest.raises(error):
+                log.log_many(**wrong)
+        with pytest.raises(TypeError):
+            log.log_many([(source, 0, b"x")], types=[0])
+
+
+@pytest.mark.parametrize("selection", SELECTIONS)
+def test_arrays_and_frames_give_what_was_logged(log, recording, selection):
+    numpy = pytest.importorskip("numpy", reason="read_arrays needs NumPy (python3-numpy)")
+    pytest.importorskip("pandas", reason="to_pandas needs pandas (python3-pandas)")
+    wanted = expected(recording.entries, first=2, last=50, **selection)
+    arrays = log.read_arrays(first=2, last=50, **named(log, selection))
+    assert [kl.Entry(*fields) for fields in zip(
+        arrays.ids.tolist(), arrays.source_ids.tolist(), arrays.types.tolist(),
+        arrays.timestamps.tolist(), map(arrays.payload, range(len(arrays.ids))))] == wanted
+    assert (arrays.payloads.nbytes, arrays.ids.dtype, arrays.offsets.dtype) == (
+        sum(len(e.data) for e in wanted), numpy.int32, numpy.uint64)
+    frame = log.to_pandas(first=2, last=50, tz="Europe/Oslo", **named(log, selection))
+    assert (str(frame.timestamp.dt.tz), list(frame.data), list(frame.source)) == (
+        "Europe/Oslo", [e.data for e in wanted],
+        [("camera", "lidar")[e.source_id - 1] for e in wanted])
+    assert (frame.timestamp.astype("int64") // 10**6).tolist() == [e.timestamp for e in wanted]
+    bare = log.to_pandas(first=2, last=50, payloads=False, **named(log, selection))
+    assert ("data" in bare, bare.id.tolist()) == (False, [e.id for e in wanted])
+
+
+# A frame cut short fails at its header; one whose compressed block holds zeros behind the
+# frame and block headers (10 bytes here), in decoding.
+DAMAGES = {"cut short": lambda frame: frame[:-1],
+           "zeros inside": lambda frame: frame[:10] + bytes(len(frame) - 10)}
+
+
+@pytest.mark.parametrize("damage", DAMAGES.values(), ids=DAMAGES.keys())
+def test_a_damaged_payload_fails_the_read_after_the_entries_before_it(tmp_path, damage):
+    path = tmp_path / "damaged.log"
+    with kl.LogFile.create(path, "app", "1", level=3) as log:
+        log.log_many([(log.add_source("s", 1), 0, b"%05d, " % i * 500, i) for i in range(30)])
+    with closing(sqlite3.connect(path)) as database, database:
+        frame = database.execute("SELECT payload FROM data WHERE entryId = 12").fetchone()[0]
+        database.execute("UPDATE data SET payload = ? WHERE entryId = 12", (damage(frame),))
+    with kl.LogFile.open(path, read_only=True) as log:
+        read = []
+        with pytest.raises(kl.LogError, match="^Compressed payload is damaged: "):
+            read.extend(log.iter_entries(chunk=5))
+        assert [e.data for e in read] == [b"%05d, " % i * 500 for i in range(11)]
+
+
+def test_columns_without_numpy_name_the_package_to_install(log, monkeypatch):
+    monkeypatch.setitem(sys.modules, "numpy", None)  # an import of it fails
+    with pytest.raises(ImportError, match="apt-get install python3-numpy"):
+        log.read_arrays()
+    assert len(log.read_entries(last=2)) == 2  # the rest goes on without it
+
+
+def test_open_refuses_an_empty_file_and_read_only_writes_nothing(recording, tmp_path):
+    (tmp_path / "empty.log").touch()
+    for read_only in (False, True):
+        with pytest.raises(kl.LogError, match="^This file is not in a supported log file "):
+            kl.LogFile.open(tmp_path / "empty.log", read_only=read_only)
+    assert (tmp_path / "empty.log").stat().st_size == 0
+    before = recording.path.read_bytes()
+    with kl.LogFile.open(recording.path, read_only=True) as log:
+        with pytest.raises(kl.LogError, match="^The log file is open for reading only.$"):
+            log.add_bookmark(1, "no")
+        assert log.read_entries(last=3) == recording.entries[:3]
+    assert recording.path.read_bytes() == before

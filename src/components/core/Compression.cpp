@@ -111,9 +111,9 @@ void compress(const ByteArray& data, CompressionLevel level, ByteArray& into) {
     compressInto(data.data(), data.size(), level, into);
 }
 
-ByteArray uncompress(const std::uint8_t* data, std::size_t size) {
+std::size_t uncompressedSize(const std::uint8_t* data, std::size_t size) {
     if (size == 0) {
-        return {};
+        return 0;
     }
     const unsigned long long contentSize = ZSTD_getFrameContentSize(data, size);
     if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
@@ -128,16 +128,27 @@ ByteArray uncompress(const std::uint8_t* data, std::size_t size) {
     if (bound == ZSTD_CONTENTSIZE_ERROR || contentSize > bound) {
         fail("the frame is truncated or its recorded size is wrong");
     }
+    return static_cast<std::size_t>(contentSize);
+}
 
-    ByteArray bytes(static_cast<std::size_t>(contentSize));
+void uncompress(const std::uint8_t* data, std::size_t size, std::uint8_t* into,
+                std::size_t intoSize) {
+    if (size == 0 && intoSize == 0) {
+        return;
+    }
     const std::size_t written =
-        ZSTD_decompressDCtx(&decompressionContext(), bytes.data(), bytes.size(), data, size);
+        ZSTD_decompressDCtx(&decompressionContext(), into, intoSize, data, size);
     if (ZSTD_isError(written)) {
         fail(ZSTD_getErrorName(written));
     }
-    if (written != contentSize) {
+    if (written != intoSize) {
         fail("it decodes to fewer bytes than it records");
     }
+}
+
+ByteArray uncompress(const std::uint8_t* data, std::size_t size) {
+    ByteArray bytes(uncompressedSize(data, size));
+    uncompress(data, size, bytes.data(), bytes.size());
     return bytes;
 }
 

@@ -31,4 +31,14 @@ void compress(const ByteArray& data, CompressionLevel level, ByteArray& into);
 ByteArray uncompress(const std::uint8_t* data, std::size_t size);
 ByteArray uncompress(const ByteArray& data);
 
+// The number of bytes that `uncompress` gives for the same input, read from the frame's header
+// without decoding it. Throws as `uncompress` does for a frame whose size is not recorded or is
+// more than its blocks can hold.
+std::size_t uncompressedSize(const std::uint8_t* data, std::size_t size);
+// Writes what `uncompress` gives into `into`, which holds exactly `intoSize` bytes, the
+// `uncompressedSize` of the input. Throws as `uncompress` does; a frame that decodes to another
+// size throws too, with `into` partly written.
+void uncompress(const std::uint8_t* data, std::size_t size, std::uint8_t* into,
+                std::size_t intoSize);
+
 }  // namespace Korvane::Compression

@@ -13,7 +13,12 @@ namespace Korvane::Database {
 // that a kill at any moment leaves a file whose header counts only pages that exist. The
 // extension holds zeros and costs no disk blocks until pages are written into it. The file stays
 // an ordinary SQLite database: SQLite reads the page count from the header, not from the size of
-// the file.
+// the file. When a connection that grew the file closes and no other connection uses the file,
+// the room is cut off again, so a file closed cleanly is exactly its pages.
+//
+// The layer also keeps every write of every file within the process's file size limit
+// (RLIMIT_FSIZE): growing ahead stops short of it, and a write past it fails with SQLITE_FULL
+// instead of raising SIGXFSZ, which would kill the process.
 //
 // Returns the name under which the layer is registered with SQLite (registration happens once,
 // on the first call, and never makes it the default), or null if it cannot be registered.

@@ -61,25 +61,28 @@ void harden(sqlite3* connection, const std::string& path) {
 // keeps a transaction open for good, which then shows as a failure instead of a hang.
 constexpr std::chrono::seconds lockWaitLimit{60};
 
-// SQLite's busy handler: waits a little and asks to try again, until `lockWaitLimit`. The pauses
-// start short, since most locks are released within microseconds, and stay at a millisecond, so
-// that a waiting writer starts within a millisecond of the lock's release.
+// SQLite's busy handler: waits a little and asks to try again, until `lockWaitLimit`.
 int waitForLock(void* context, int attempt) {
-    using Clock = std::chrono::steady_clock;
-    auto& waitingSince = *static_cast<Clock::time_point*>(context);
-    const Clock::time_point now = Clock::now();
+    auto& waitingSince = *static_cast<std::chrono::steady_clock::time_point*>(context);
     if (attempt == 0) {
-        waitingSince = now;
-    } else if (now - waitingSince >= lockWaitLimit) {
-        return 0;
+        waitingSince = std::chrono::steady_clock::now();
+    }
+    return pauseForLock(attempt, waitingSince) ? 1 : 0;
+}
+
+}  // namespace
+
+// The pauses start short, since most locks are released within microseconds, and stay at a
+// millisecond, so that a waiting writer starts within a millisecond of the lock's release.
+bool pauseForLock(int attempt, std::chrono::steady_clock::time_point since) {
+    if (std::chrono::steady_clock::now() - since >= lockWaitLimit) {
+        return false;
     }
     const auto pause = std::chrono::microseconds(50 << std::min(attempt, 4));
     std::this_thread::sleep_for(
         std::min<std::chrono::microseconds>(pause, std::chrono::milliseconds(1)));
-    return 1;
+    return true;
 }
-
-}  // namespace
 
 std::string resultCodeText(std::int32_t code) {
     return sqlite3_errstr(code);
@@ -191,7 +194,10 @@ SqliteDatabase& SqliteDatabase::operator=(SqliteDatabase&& other) noexcept = def
 SqliteDatabase::~SqliteDatabase() = default;
 
 bool SqliteDatabase::executeSimpleQuery(const std::string& sql) {
-    const int code = sqlite3_exec(impl->connection, sql.c_str(), nullptr, nullptr, nullptr);
+    const auto run = [&] {
+        return sqlite3_exec(impl->connection, sql.c_str(), nullptr, nullptr, nullptr);
+    };
+    const int code = impl->writeWaitingForLocks(run, [] {});
     if (code != SQLITE_OK) {
         impl->recordFailure(code);
         return false;

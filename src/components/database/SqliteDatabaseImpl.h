@@ -14,6 +14,11 @@
 
 namespace Korvane::Database {
 
+// Waits a little before the next attempt to get a lock that another connection holds: pauses of
+// 50 us that double up to 1 ms. False, without waiting, once the wait that began at `since` has
+// reached the limit of a minute.
+bool pauseForLock(int attempt, std::chrono::steady_clock::time_point since);
+
 // The connection and its cache of compiled statements. Shared by `SqliteDatabase` and
 // `SqliteQuery`; not part of the component's interface.
 struct SqliteDatabase::Impl {
@@ -49,6 +54,28 @@ struct SqliteDatabase::Impl {
     // Remembers `code` as this thread's latest failure on this connection, and raises
     // `FileIsNotDatabase` when the code says the file is no database.
     void recordFailure(int code) const;
+
+    // Runs `attempt`, a write that starts no transaction of its own making, and runs it again
+    // while it fails with SQLITE_BUSY, up to the wait for a lock that the busy handler makes.
+    //
+    // The busy handler waits for another connection's lock in every case but one: a connection
+    // that holds a read transaction open and asks to write gets SQLITE_BUSY at once while
+    // another connection holds the write lock, since waiting there could deadlock. The read is
+    // another thread's statement on this connection (the player's, reading entries), which ends
+    // by itself: waiting for it is safe. `again` prepares the next attempt.
+    template <typename Attempt, typename Again>
+    int writeWaitingForLocks(Attempt&& attempt, Again&& again) {
+        const auto since = std::chrono::steady_clock::now();
+        if (sqlite3_get_autocommit(connection) == 0) {
+            return attempt();  // inside a transaction: a retry could repeat part of it
+        }
+        int code = attempt();
+        for (int pause = 0; (code & 0xff) == SQLITE_BUSY && pauseForLock(pause, since); ++pause) {
+            again();
+            code = attempt();
+        }
+        return code;
+    }
 };
 
 }  // namespace Korvane::Database

@@ -76,7 +76,10 @@ SqliteQuery::QueryResult SqliteQuery::executeStep() {
         database.recordFailure(prepareError);
         return Error;
     }
-    const int code = sqlite3_step(statement);
+    const auto step = [this] { return sqlite3_step(statement); };
+    const int code = sqlite3_stmt_readonly(statement) != 0
+                         ? step()
+                         : database.writeWaitingForLocks(step, [this] { sqlite3_reset(statement); });
     hasRow = code == SQLITE_ROW;
     if (hasRow) {
         return Row;

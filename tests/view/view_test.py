@@ -333,7 +333,7 @@ class ViewTest(unittest.TestCase):
     def test_page_follows_a_recording_in_another_process(self):
         live = WORK / "live.kvlog"
         recorder = subprocess.Popen([TOOL, "record", str(live)], stdin=subprocess.PIPE,
-                                    env=os.environ | {"TZ": ZONE})
+                                    stdout=subprocess.DEVNULL, env=os.environ | {"TZ": ZONE})
         entry = lambda source, t: line({"source": source, "sourceType": 1, "type": 1,
                                         "timestamp": T0 + t, "data": b"x" * 8})
         try:

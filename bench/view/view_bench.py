@@ -166,6 +166,7 @@ def main():
             server.send_signal(signal.SIGINT)
             server.wait()
         page.quit()
+        (folder / "live.kvlog").unlink(missing_ok=True)
 
 
 if __name__ == "__main__":

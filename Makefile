@@ -49,6 +49,11 @@ bench: release
 bench-smoke: release
 	@for b in build-release/bench/*-bench; do [ -x "$$b" ] && "$$b" --quick; done
 
+# The page of `korvane-log view` on 10 million entries in headless Chromium (a few minutes).
+.PHONY: view-bench
+view-bench: release
+	/usr/bin/python3 bench/view/view_bench.py build-release
+
 clean:
 	rm -rf build-debug build-release build-asan build-tsan
 

@@ -19,7 +19,7 @@ from pathlib import Path
 
 SOURCES, HELP = {"imu": 1, "gnss": 2, "camera": 3}, " (see korvane-log --help)"
 VERBS = ("info, cat, tail, play, slice, clone, meta, bookmarks, resources, thumbnail, record, "
-         "check, recover, demo" + HELP)
+         "check, recover, demo, view, report" + HELP)
 
 
 def run(*args, stdin=b""):

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Commands.h"
+#include "view/ViewCommands.h"
 
 namespace {
 
@@ -278,6 +279,41 @@ void addDemo(CLI::App& app, ChosenVerb& chosen) {
                      "one)");
 }
 
+void addView(CLI::App& app, ChosenVerb& chosen) {
+    auto options = std::make_shared<ViewOptions>();
+    CLI::App* verb = addVerb(app, chosen, "view", options, runView, &ViewOptions::file);
+    verb->description("Show a log file in the browser: a timeline of every source, live");
+    verb->add_option("FILE", options->file, "Log file (only read)")->required();
+    verb->add_option("--port", options->port, "Port to listen on (default: a free one)")
+        ->check(CLI::Range(0, 65535));
+    verb->add_option("--bind", options->bind,
+                     "Address to listen on (default 127.0.0.1, this machine only)");
+    verb->add_flag("--no-open", options->noOpen, "Only print the address; open no browser");
+    verb->footer(
+        "Serves one page for FILE and prints its address, http://127.0.0.1:PORT/, then opens\n"
+        "it with xdg-open when a display is there. The page shows the file's identity and\n"
+        "thumbnail; a lane per source with the density of its entries over time, its gaps\n"
+        "(pauses of more than 4 times its usual interval, 100 ms at least) and the bookmarks;\n"
+        "entries/s and bytes/s per source; the entries around a clicked point, with their\n"
+        "payloads as hex, text or image; metadata, source properties and resources. Wheel or\n"
+        "drag over the time axis to zoom, drag the lanes to pan. While another process\n"
+        "records into FILE, the page follows it within a second. Everything the page needs is\n"
+        "inside the tool: it works without a network. Bytes are counted as the file stores\n"
+        "them, after compression. Ctrl-C stops the server.");
+}
+
+void addReport(CLI::App& app, ChosenVerb& chosen) {
+    auto options = std::make_shared<ReportOptions>();
+    CLI::App* verb = addVerb(app, chosen, "report", options, runReport, &ReportOptions::file);
+    verb->description("Write the page of `view` into one HTML file that works offline");
+    verb->add_option("FILE", options->file, "Log file (only read)")->required();
+    verb->add_option("-o,--output", options->output, "New HTML file")->required();
+    verb->footer(
+        "The report holds the timeline, gaps, rates, identity, thumbnail and tables of FILE,\n"
+        "but no payloads, in one file with its scripts inside: open it in any browser, offline,\n"
+        "or attach it to a ticket. It zooms down to 1/8192 of the recording's span.");
+}
+
 // Error texts of the library and of the system may span lines; ours must not.
 std::string oneLine(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -327,6 +363,8 @@ int main(int argc, char** argv) {
     addRecord(app, chosen);
     addCheckAndRecover(app, chosen);
     addDemo(app, chosen);
+    addView(app, chosen);
+    addReport(app, chosen);
 
     try {
         app.parse(argc, argv);
